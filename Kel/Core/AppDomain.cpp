@@ -1,0 +1,66 @@
+#include <Kel/Core/AppDomain.h>
+
+#include <Kel/Core/ErrorText.h>
+
+#include <memory>
+#include <utility>
+
+namespace Kel {
+
+namespace {
+
+void Check(int code) {
+    if (code != 0) {
+        throw Exception("Lock of the AppDomain failed: {0}", ErrorText(code));
+    }
+}
+
+struct Unlock {
+    void operator()(pthread_rwlock_t* lock) const { pthread_rwlock_unlock(lock); }
+};
+
+using Locked = std::unique_ptr<pthread_rwlock_t, Unlock>;
+
+Locked LockForReading(pthread_rwlock_t& lock) {
+    Check(pthread_rwlock_rdlock(&lock));
+    return Locked(&lock);
+}
+
+Locked LockForWriting(pthread_rwlock_t& lock) {
+    Check(pthread_rwlock_wrlock(&lock));
+    return Locked(&lock);
+}
+
+}  // namespace
+
+// One pointer for the whole process: hosts, the library and other libraries all bind to this definition.
+template <>
+AppDomain* Singleton<AppDomain>::pInstance = nullptr;
+
+AppDomain::AppDomain() { Check(pthread_rwlock_init(&lock, nullptr)); }
+
+AppDomain::~AppDomain() { pthread_rwlock_destroy(&lock); }
+
+void* AppDomain::Find(std::type_index type) const {
+    const Locked locked = LockForReading(lock);
+    const auto entry = singletons.find(type);
+    return entry == singletons.end() ? nullptr : entry->second;
+}
+
+bool AppDomain::Add(std::type_index type, void* instance) {
+    const Locked locked = LockForWriting(lock);
+    return singletons.emplace(type, instance).second;
+}
+
+void* AppDomain::Withdraw(std::type_index type) {
+    const Locked locked = LockForWriting(lock);
+    const auto entry = singletons.find(type);
+    return entry == singletons.end() ? nullptr : std::exchange(entry->second, nullptr);
+}
+
+void AppDomain::Remove(std::type_index type) {
+    const Locked locked = LockForWriting(lock);
+    singletons.erase(type);
+}
+
+}  // namespace Kel

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <Kel/Core/Export.h>
+#include <Kel/System/Ve/Internal/Linux/PosixMutex.h>
+#include <Kel/System/Ve/Internal/MutexServiceBase.h>
+
+namespace Kel::System::Ve::Internal::Linux {
+
+/// The mutex service on Linux. What `Init` and `Destroy` throw is a VeException.
+class KEL_API MutexService final : public MutexServiceBase {
+public:
+    /// Who may use the mutex.
+    enum Shared : int {
+        InterProcess = 0,
+        ProcessPrivate = 1,
+    };
+
+    /// `registers` is false only for the mutex that guards the registry itself.
+    explicit MutexService(bool registers = true);
+    ~MutexService() override;
+
+    /// Makes the mutex; called once, right after construction.
+    void Init(bool recursive, Shared shared);
+
+    /// Destroys what `Init` has made; does nothing when that failed, or the second time. Called by the destructor,
+    /// where a failure, as for a mutex that is held, ends the process.
+    void Destroy();
+
+    bool IsRecursive() const override;
+    void Lock() override;
+    int TimedLock(unsigned int timeoutMs) override;
+    bool TryLock() override;
+    void Unlock() override;
+
+private:
+    // Zero, the form of a free mutex, until it is initialised.
+    PosixMutex mutex{};
+    bool initialized = false;
+};
+
+}  // namespace Kel::System::Ve::Internal::Linux

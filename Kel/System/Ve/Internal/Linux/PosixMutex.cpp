@@ -1,0 +1,72 @@
+#include <Kel/System/Ve/Internal/Linux/PosixMutex.h>
+
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/Linux/SystemCall.h>
+#include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
+
+#include <cerrno>
+
+namespace Kel::System::Ve::Internal::Linux {
+
+using Exceptions::VeException;
+
+void PosixMutex::Init(bool recursive, int processShared) {
+    CheckReturnedCode(pthread_mutexattr_init(&attributes), "{0}: Could not initialize mutex attribute: {1}");
+    CheckReturnedCode(
+        pthread_mutexattr_settype(&attributes, recursive ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_NORMAL),
+        "{0}: Could not set the mutex type: {1}");
+    CheckReturnedCode(pthread_mutexattr_setpshared(&attributes, processShared),
+                                   "{0}: Could not set shared-flag on mutex attribute: {1}");
+    CheckReturnedCode(pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT),
+                                   "{0}: Could not update the protocol information for the mutex: {1}");
+    CheckReturnedCode(pthread_mutex_init(&mutex, &attributes), "{0}: Mutex could not be initiated: {1}");
+}
+
+void PosixMutex::Destroy() {
+    CheckReturnedCode(pthread_mutexattr_destroy(&attributes),
+                                   "{0}: Could not destroy mutex attribute: {1}");
+    CheckReturnedCode(pthread_mutex_destroy(&mutex), "{0}: Mutex could not be destroyed: {1}");
+}
+
+bool PosixMutex::IsRecursive() const {
+    int type = 0;
+    CheckReturnedCode(pthread_mutexattr_gettype(&attributes, &type),
+                                   "{0}: Could not query mutex type: {1}");
+    return type == PTHREAD_MUTEX_RECURSIVE;
+}
+
+void PosixMutex::Lock() {
+    CheckReturnedCode(pthread_mutex_lock(&mutex), "{0}: Mutex could not be locked: {1}");
+}
+
+int PosixMutex::TimedLock(unsigned int timeoutMs) {
+    timespec deadline;
+    TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
+    const int code = pthread_mutex_timedlock(&mutex, &deadline);
+    if (code == 0) {
+        return 0;
+    }
+    if (code == ETIMEDOUT) {
+        return -1;
+    }
+    // The text is that of errno, which the call leaves alone.
+    throw VeException("{0}: Mutex could not be timelocked: {1}", "TimedLock", ErrorText(errno));
+}
+
+bool PosixMutex::TryLock() {
+    const int code = pthread_mutex_trylock(&mutex);
+    if (code == 0) {
+        return true;
+    }
+    if (code == EBUSY) {
+        return false;
+    }
+    // The text is that of errno, which the call leaves alone.
+    throw VeException("{0}: Mutex could not be trylocked: {1}", "TryLock", ErrorText(errno));
+}
+
+void PosixMutex::Unlock() {
+    CheckReturnedCode(pthread_mutex_unlock(&mutex), "{0}: Mutex could not be unlocked: {1}");
+}
+
+}  // namespace Kel::System::Ve::Internal::Linux

@@ -1,0 +1,122 @@
+#include <Kel/System/Ve/Internal/ServiceFactory.h>
+
+#include <Kel/Core/AppDomain.h>
+#include <Kel/Core/EnumDictionary.h>
+#include <Kel/Core/Exception.h>
+#include <Kel/Core/RuntimeTypeInfo.h>
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/ServiceType.h>
+
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <typeinfo>
+#include <utility>
+
+namespace Kel::System::Ve::Internal {
+
+using Exceptions::VeException;
+
+namespace {
+
+BasicString TypeName() { return RuntimeTypeInfo::GetTypeName(typeid(ServiceFactory)); }
+
+// Apart from standard output, so that a type without a name does not leave that in a failed state.
+std::string TypeText(ServiceType type) {
+    std::ostringstream text;
+    text << type;
+    if (text.fail()) {
+        throw Exception("Invalid value for Enum '{0}' occurs: {1}", RuntimeTypeInfo::GetTypeName(typeid(ServiceType)),
+                        type);
+    }
+    return text.str();
+}
+
+}  // namespace
+
+void ServiceFactory::CreateServiceFactory() {
+    if (Singleton<AppDomain>::GetInstance().Find(typeid(ServiceFactory)) != nullptr) {
+        throw Exception("AppDomain Singleton instance of type '{0}' was created yet!", TypeName());
+    }
+    std::unique_ptr<ServiceFactory> factory = CreatePlatformFactory();
+    // As ServiceFactory*, not as a pointer to the platform's class: that is what GetInstance makes of it.
+    if (!Singleton<AppDomain>::GetInstance().Add(typeid(ServiceFactory), factory.get())) {
+        // Another thread was faster. A factory is deleted by its disposal only, and this one has none.
+        static_cast<void>(factory.release());
+        throw Exception("AppDomain Singleton of type '{0}' has been added yet", TypeName());
+    }
+    static_cast<void>(factory.release());
+}
+
+void ServiceFactory::DisposeServiceFactory() {
+    AppDomain& appDomain = Singleton<AppDomain>::GetInstance();
+    // Withdrawn before it is deleted: nobody finds a factory that is being destroyed, and of two disposals at the same
+    // time one deletes it.
+    delete static_cast<ServiceFactory*>(appDomain.Withdraw(typeid(ServiceFactory)));
+    appDomain.Remove(typeid(ServiceFactory));
+}
+
+ServiceFactory::ServiceFactory() : version("2024.0.8 LTS", 24, 0, 8, 183, BasicString::Empty) {
+    // Now, so that no later printing of a type has to make it.
+    EnumDictionary<ServiceType>::GetInstance();
+    registryMutex = CreateRegistryMutex();
+}
+
+ServiceFactory::~ServiceFactory() { PrintAllNotDestroyedServiceObjects(); }
+
+void ServiceFactory::RegisterServiceObject(IServiceObject* object) {
+    if (!registryMutex) {
+        throw VeException("{0}: Mutex not initialized yet.", "RegisterServiceObject");
+    }
+    if (object == nullptr) {
+        return;
+    }
+    // The entry is made outside the lock: nothing under it allocates or can fail.
+    ServiceObjects single;
+    single.try_emplace(object);
+    ServiceObjects::node_type entry = single.extract(single.begin());
+
+    registryMutex->Lock();
+    const bool inserted = registeredObjects.insert(std::move(entry)).inserted;
+    statistics.IncrementNumOfObjects();
+    try {
+        registryMutex->Unlock();
+    } catch (...) {
+        // The object's construction fails now, so it must not stay listed.
+        if (inserted) {
+            registeredObjects.erase(object);
+        }
+        statistics.DecrementNumOfObjects();
+        throw;
+    }
+}
+
+void ServiceFactory::ReleaseServiceObject(IServiceObject* object) {
+    if (!registryMutex) {
+        throw VeException("{0}: Mutex not initialized yet.", "ReleaseServiceObject");
+    }
+    if (object == nullptr) {
+        return;
+    }
+    registryMutex->Lock();
+    // Freed after the lock is.
+    const ServiceObjects::node_type entry = registeredObjects.extract(object);
+    statistics.DecrementNumOfObjects();
+    registryMutex->Unlock();
+}
+
+void ServiceFactory::PrintAllNotDestroyedServiceObjects() {
+    const ServiceObjects objects = registeredObjects;
+    if (objects.empty()) {
+        return;
+    }
+    // The count has no base of its own: it is decimal until a report has left the stream hexadecimal.
+    std::cout << "WARN: " << objects.size() << " service objects were not destroyed:" << std::endl;
+    for (const auto& [object, debugData] : objects) {
+        const std::string type = TypeText(object->GetServiceType());
+        std::cout << "WARN: service object " << std::hex << static_cast<const void*>(object) << " of type '" << type
+                  << "' was not destroyed." << std::endl;
+    }
+}
+
+}  // namespace Kel::System::Ve::Internal

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <Kel/Core/AppDomainSingleton.h>
+#include <Kel/Core/BasicVersion.h>
+#include <Kel/Core/Export.h>
+#include <Kel/System/Ve/IMutexService.h>
+#include <Kel/System/Ve/IServiceObject.h>
+#include <Kel/System/Ve/Internal/IServiceFactory.h>
+#include <Kel/System/Ve/Internal/ServiceManagerStatistics.h>
+#include <Kel/System/Ve/Internal/ServiceObjectDebugData.h>
+
+#include <map>
+#include <memory>
+
+namespace Kel::System::Ve::Internal {
+
+/// The process's one factory, found through `GetInstance()`, and its registry of all live service objects.
+class KEL_API ServiceFactory : public IServiceFactory, public AppDomainSingleton<ServiceFactory> {
+public:
+    using ServiceObjects = std::map<IServiceObject*, ServiceObjectDebugData>;
+
+    /// Makes the factory and stores it in the AppDomain. Throws `Kel::Exception` when there is no AppDomain or a
+    /// factory already.
+    static void CreateServiceFactory();
+
+    /// Deletes the factory, which prints the leak report; does nothing when there is none. All service objects must
+    /// have been deleted: those that are left alive are reported, and deleting one later ends the process.
+    /// Throws `Kel::Exception` when there is no AppDomain.
+    static void DisposeServiceFactory();
+
+    ~ServiceFactory() override;
+
+    /// Enters a service object into the registry; called by the object itself. Null is ignored. An object that is
+    /// registered again is counted again. Thread-safe.
+    void RegisterServiceObject(IServiceObject* object);
+
+    /// Removes a service object from the registry; called by the object itself. Null is ignored. An object that is not
+    /// registered is counted down all the same. Thread-safe.
+    void ReleaseServiceObject(IServiceObject* object);
+
+    /// Writes the leak report to standard output: how many service objects are alive, and a line for each. Writes
+    /// nothing when there are none. The stream's base is left hexadecimal. Takes no lock: for the end of the process,
+    /// when no other thread makes or deletes objects. Throws `Kel::Exception` at an object whose type has no name.
+    void PrintAllNotDestroyedServiceObjects();
+
+    BasicVersion GetVersion() const { return version; }
+
+    /// The counters themselves, unlocked.
+    const ServiceManagerStatistics& GetStatistics() const { return statistics; }
+
+    /// The registry itself, unlocked.
+    const ServiceObjects& GetRegisteredServiceObjects() const { return registeredObjects; }
+
+protected:
+    ServiceFactory();
+
+private:
+    // Supplied by the platform.
+    static std::unique_ptr<ServiceFactory> CreatePlatformFactory();
+    static std::unique_ptr<IMutexService> CreateRegistryMutex();
+
+    ServiceObjects registeredObjects;
+    BasicVersion version;
+    ServiceManagerStatistics statistics;
+    std::unique_ptr<IMutexService> registryMutex;
+};
+
+}  // namespace Kel::System::Ve::Internal

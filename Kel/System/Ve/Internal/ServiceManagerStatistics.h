@@ -1,0 +1,28 @@
+#pragma once
+
+#include <Kel/Core/Export.h>
+
+#include <cstdint>
+
+namespace Kel::System::Ve::Internal {
+
+/// Counts the live service objects. Not thread-safe; the factory changes it under its registry mutex.
+class KEL_API ServiceManagerStatistics {
+public:
+    virtual ~ServiceManagerStatistics();
+
+    void IncrementNumOfObjects() { ++numOfObjects; }
+    /// Wraps below zero.
+    void DecrementNumOfObjects() { --numOfObjects; }
+
+    /// The number of service objects alive now, not of those ever created.
+    std::uint32_t GetNumOfObjectsCreated() const { return numOfObjects; }
+    /// Always 0.
+    std::uint32_t GetTotalMemory() const { return totalMemory; }
+
+private:
+    std::uint32_t numOfObjects = 0;
+    std::uint32_t totalMemory = 0;
+};
+
+}  // namespace Kel::System::Ve::Internal

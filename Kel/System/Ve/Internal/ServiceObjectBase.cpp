@@ -1,0 +1,25 @@
+#include <Kel/System/Ve/Internal/ServiceObjectBase.h>
+
+#include <Kel/System/Ve/Internal/ServiceFactory.h>
+
+namespace Kel::System::Ve::Internal {
+
+ServiceObjectBase::ServiceObjectBase(const BasicString& serviceName, ServiceType type, bool registers)
+    : name(serviceName), serviceType(type), registered(registers) {
+    // Last: whatever threw after it would leave an entry without an object.
+    if (registered) {
+        ServiceFactory::GetInstance()->RegisterServiceObject(this);
+    }
+}
+
+ServiceObjectBase::~ServiceObjectBase() {
+    if (registered) {
+        ServiceFactory::GetInstance()->ReleaseServiceObject(this);
+    }
+}
+
+const BasicString& ServiceObjectBase::GetServiceName() const { return name; }
+
+ServiceType ServiceObjectBase::GetServiceType() const { return serviceType; }
+
+}  // namespace Kel::System::Ve::Internal

@@ -1,0 +1,23 @@
+# Cross build for 32-bit ARM, hard float, Thumb code. The sysroot is made by scripts/arm-sysroot; another one may be
+# named with -DCMAKE_SYSROOT=... or in the environment variable KEL_ARM_SYSROOT.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+
+if(NOT CMAKE_SYSROOT)
+    if(DEFINED ENV{KEL_ARM_SYSROOT})
+        set(CMAKE_SYSROOT "$ENV{KEL_ARM_SYSROOT}")
+    else()
+        get_filename_component(CMAKE_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../../.cache/arm/sysroot" ABSOLUTE)
+    endif()
+endif()
+
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(CMAKE_CXX_FLAGS_INIT "-march=armv7-a+fp -mfloat-abi=hard -mthumb")
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L "${CMAKE_SYSROOT}")

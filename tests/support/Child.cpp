@@ -1,0 +1,35 @@
+#include "Child.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+Child::Child(const std::function<int()>& function) : processId(fork()) {
+    if (processId == 0) {
+        int exitCode = EXIT_FAILURE;
+        try {
+            exitCode = function();
+        } catch (const std::exception& exception) {
+            std::fprintf(stderr, "child: %s\n", exception.what());
+        }
+        _exit(exitCode);
+    }
+}
+
+Child::~Child() {
+    if (processId > 0) {
+        kill(processId, SIGKILL);
+        Wait();
+    }
+}
+
+int Child::Wait() {
+    int status = 0;
+    waitpid(std::exchange(processId, -1), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+
+/// A child process that runs a function with the parent's memory as it was, and ends with its result as the exit code.
+class Child {
+public:
+    explicit Child(const std::function<int()>& function);
+
+    /// Ends the child if it still runs.
+    ~Child();
+
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    /// Waits for the end of the child. Returns its exit code, or 128 and the number of the signal that ended it.
+    int Wait();
+
+private:
+    pid_t processId;
+};

@@ -1,0 +1,108 @@
+#include "FailingCall.h"
+
+#include "Throws.h"
+
+#include <Kel/System/Ve/Exceptions/VeException.h>
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace {
+
+thread_local FailingCall* armedCall = nullptr;
+thread_local int allocationsLeft = -1;
+
+}  // namespace
+
+FailingCall::FailingCall(const char* functionName, std::intptr_t callResult, int callErrno, int callsToSkip)
+    : function(functionName), result(callResult), errnoAfter(callErrno), skip(callsToSkip) {
+    armedCall = this;
+}
+
+FailingCall::FailingCall(const char* functionName, std::function<void()> callHook)
+    : function(functionName), result(0), errnoAfter(0), skip(0), hook(std::move(callHook)) {
+    armedCall = this;
+}
+
+FailingCall::~FailingCall() {
+    armedCall = nullptr;
+    EXPECT_TRUE(happened) << function << " was not called";
+}
+
+bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult) {
+    FailingCall* const call = armedCall;
+    if (call == nullptr || std::strcmp(call->function, functionName) != 0 || call->skip-- > 0) {
+        return false;
+    }
+    armedCall = nullptr;
+    call->happened = true;
+    if (call->hook) {
+        call->hook();
+        return false;
+    }
+    callResult = call->result;
+    errno = call->errnoAfter;
+    return true;
+}
+
+FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
+
+FailingAllocation::~FailingAllocation() { allocationsLeft = -1; }
+
+bool FailingAllocation::Happened() const { return allocationsLeft < 0; }
+
+void ExpectFailures(const std::vector<Failure>& table) {
+    for (const Failure& row : table) {
+        SCOPED_TRACE(row.function);
+        const FailingCall call(row.function, row.result, row.errnoAfter);
+        EXPECT_TRUE(Throws<Kel::System::Ve::Exceptions::VeException>(row.operation, row.message));
+    }
+}
+
+// The library is a shared object, so these definitions in the executable come before those of the C library. The label
+// gives them the function's name without clashing with its declaration in the system's headers.
+#define INTERCEPT(Result, function, parameters, ...)                                                      \
+    extern "C" Result Intercept_##function parameters __asm__(#function);                                 \
+    extern "C" Result Intercept_##function parameters {                                                   \
+        static const auto next = reinterpret_cast<Result(*) parameters>(dlsym(RTLD_NEXT, #function));     \
+        std::intptr_t result;                                                                             \
+        return FailingCall::Intercepts(#function, result) ? (Result)result : next(__VA_ARGS__);           \
+    }
+
+// clang-format off
+INTERCEPT(int, pthread_mutexattr_init, (pthread_mutexattr_t* a), a)
+INTERCEPT(int, pthread_mutexattr_settype, (pthread_mutexattr_t* a, int b), a, b)
+INTERCEPT(int, pthread_mutexattr_setpshared, (pthread_mutexattr_t* a, int b), a, b)
+INTERCEPT(int, pthread_mutexattr_setprotocol, (pthread_mutexattr_t* a, int b), a, b)
+INTERCEPT(int, pthread_mutexattr_gettype, (const pthread_mutexattr_t* a, int* b), a, b)
+INTERCEPT(int, pthread_mutexattr_destroy, (pthread_mutexattr_t* a), a)
+INTERCEPT(int, pthread_mutex_init, (pthread_mutex_t* a, const pthread_mutexattr_t* b), a, b)
+INTERCEPT(int, pthread_mutex_lock, (pthread_mutex_t* a), a)
+INTERCEPT(int, pthread_mutex_trylock, (pthread_mutex_t* a), a)
+INTERCEPT(int, pthread_mutex_timedlock, (pthread_mutex_t* a, const timespec* b), a, b)
+INTERCEPT(int, pthread_mutex_unlock, (pthread_mutex_t* a), a)
+INTERCEPT(int, pthread_mutex_destroy, (pthread_mutex_t* a), a)
+INTERCEPT(int, pthread_rwlock_init, (pthread_rwlock_t* a, const pthread_rwlockattr_t* b), a, b)
+INTERCEPT(int, pthread_rwlock_rdlock, (pthread_rwlock_t* a), a)
+INTERCEPT(int, pthread_rwlock_wrlock, (pthread_rwlock_t* a), a)
+INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), a, b)
+INTERCEPT(int, backtrace, (void** a, int b), a, b)
+INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), a, b)
+INTERCEPT(int, dladdr, (const void* a, Dl_info* b), a, b)
+INTERCEPT(char*, __cxa_demangle, (const char* a, char* b, std::size_t* c, int* d), a, b, c, d)
+// clang-format on
+
+void* operator new(std::size_t size) {
+    if (allocationsLeft >= 0 && allocationsLeft-- == 0) {
+        throw std::bad_alloc();
+    }
+    static const auto next = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, sizeof(size) == 8 ? "_Znwm" : "_Znwj"));
+    return next(size);
+}

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+/// While it lives, one call that this thread makes of a C-library function, also from inside the library under test,
+/// does not reach the function but returns `result` and leaves `errnoAfter` in errno. A call that reports failures by its
+/// result gets a decoy as `errnoAfter`: a mix-up of the two shows in the message. Only functions listed in
+/// FailingCall.cpp can be made to fail. At the end, a call that was never made fails the test.
+class FailingCall {
+public:
+    /// `skip` calls go through first.
+    FailingCall(const char* function, std::intptr_t result, int errnoAfter, int skip = 0);
+
+    /// The call goes through, but runs `hook` before.
+    FailingCall(const char* function, std::function<void()> hook);
+
+    ~FailingCall();
+
+    FailingCall(const FailingCall&) = delete;
+    FailingCall& operator=(const FailingCall&) = delete;
+
+    bool Happened() const { return happened; }
+
+    /// For the intercepting functions: true when this call is to return `result`.
+    static bool Intercepts(const char* function, std::intptr_t& result);
+
+private:
+    const char* function;
+    std::intptr_t result;
+    int errnoAfter;
+    int skip;
+    std::function<void()> hook;
+    bool happened = false;
+};
+
+/// Fails the `skip`+1st allocation with std::bad_alloc; one that was never made does not fail the test.
+class FailingAllocation {
+public:
+    explicit FailingAllocation(int skip);
+    ~FailingAllocation();
+
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+    bool Happened() const;
+};
+
+/// One row of a table of failures.
+struct Failure {
+    const char* function;
+    std::intptr_t result;
+    int errnoAfter;
+    std::function<void()> operation;
+    std::string message;
+};
+
+/// Runs each row: the operation must throw VeException with exactly the row's message when its call fails.
+void ExpectFailures(const std::vector<Failure>& table);
