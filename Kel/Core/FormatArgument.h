@@ -33,6 +33,8 @@ private:
             return static_cast<std::conditional_t<std::is_signed_v<T>, long long, unsigned long long>>(argument);
         } else if constexpr (std::is_same_v<Decayed, const char*> || std::is_same_v<Decayed, char*>) {
             return static_cast<const char*>(argument);
+        } else if constexpr (std::is_null_pointer_v<T>) {
+            return static_cast<const void*>(nullptr);
         } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
             return static_cast<std::string_view>(argument);
         } else if constexpr (std::is_pointer_v<Decayed> && std::is_function_v<std::remove_pointer_t<Decayed>>) {

@@ -1,16 +1,25 @@
 #include "Child.h"
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 Child::Child(const std::function<int()>& function) : processId(fork()) {
+    if (processId < 0) {
+        throw std::system_error(errno, std::generic_category(), "fork");
+    }
     if (processId == 0) {
+        // Children that are meant to crash leave no core files.
+        const rlimit noCore{0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
         int exitCode = EXIT_FAILURE;
         try {
             exitCode = function();

@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -18,6 +19,12 @@ namespace {
 
 thread_local FailingCall* armedCall = nullptr;
 thread_local int allocationsLeft = -1;
+
+// A backtrace without the frame of the function that intercepts it.
+int WithoutFirst(void** addresses, int count) {
+    std::copy(addresses + 1, addresses + count, addresses);
+    return count - 1;
+}
 
 }  // namespace
 
@@ -73,30 +80,30 @@ void ExpectFailures(const std::vector<Failure>& table) {
     extern "C" Result Intercept_##function parameters {                                                   \
         static const auto next = reinterpret_cast<Result(*) parameters>(dlsym(RTLD_NEXT, #function));     \
         std::intptr_t result;                                                                             \
-        return FailingCall::Intercepts(#function, result) ? (Result)result : next(__VA_ARGS__);           \
+        return FailingCall::Intercepts(#function, result) ? (Result)result : __VA_ARGS__;                 \
     }
 
 // clang-format off
-INTERCEPT(int, pthread_mutexattr_init, (pthread_mutexattr_t* a), a)
-INTERCEPT(int, pthread_mutexattr_settype, (pthread_mutexattr_t* a, int b), a, b)
-INTERCEPT(int, pthread_mutexattr_setpshared, (pthread_mutexattr_t* a, int b), a, b)
-INTERCEPT(int, pthread_mutexattr_setprotocol, (pthread_mutexattr_t* a, int b), a, b)
-INTERCEPT(int, pthread_mutexattr_gettype, (const pthread_mutexattr_t* a, int* b), a, b)
-INTERCEPT(int, pthread_mutexattr_destroy, (pthread_mutexattr_t* a), a)
-INTERCEPT(int, pthread_mutex_init, (pthread_mutex_t* a, const pthread_mutexattr_t* b), a, b)
-INTERCEPT(int, pthread_mutex_lock, (pthread_mutex_t* a), a)
-INTERCEPT(int, pthread_mutex_trylock, (pthread_mutex_t* a), a)
-INTERCEPT(int, pthread_mutex_timedlock, (pthread_mutex_t* a, const timespec* b), a, b)
-INTERCEPT(int, pthread_mutex_unlock, (pthread_mutex_t* a), a)
-INTERCEPT(int, pthread_mutex_destroy, (pthread_mutex_t* a), a)
-INTERCEPT(int, pthread_rwlock_init, (pthread_rwlock_t* a, const pthread_rwlockattr_t* b), a, b)
-INTERCEPT(int, pthread_rwlock_rdlock, (pthread_rwlock_t* a), a)
-INTERCEPT(int, pthread_rwlock_wrlock, (pthread_rwlock_t* a), a)
-INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), a, b)
-INTERCEPT(int, backtrace, (void** a, int b), a, b)
-INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), a, b)
-INTERCEPT(int, dladdr, (const void* a, Dl_info* b), a, b)
-INTERCEPT(char*, __cxa_demangle, (const char* a, char* b, std::size_t* c, int* d), a, b, c, d)
+INTERCEPT(int, pthread_mutexattr_init, (pthread_mutexattr_t* a), next(a))
+INTERCEPT(int, pthread_mutexattr_settype, (pthread_mutexattr_t* a, int b), next(a, b))
+INTERCEPT(int, pthread_mutexattr_setpshared, (pthread_mutexattr_t* a, int b), next(a, b))
+INTERCEPT(int, pthread_mutexattr_setprotocol, (pthread_mutexattr_t* a, int b), next(a, b))
+INTERCEPT(int, pthread_mutexattr_gettype, (const pthread_mutexattr_t* a, int* b), next(a, b))
+INTERCEPT(int, pthread_mutexattr_destroy, (pthread_mutexattr_t* a), next(a))
+INTERCEPT(int, pthread_mutex_init, (pthread_mutex_t* a, const pthread_mutexattr_t* b), next(a, b))
+INTERCEPT(int, pthread_mutex_lock, (pthread_mutex_t* a), next(a))
+INTERCEPT(int, pthread_mutex_trylock, (pthread_mutex_t* a), next(a))
+INTERCEPT(int, pthread_mutex_timedlock, (pthread_mutex_t* a, const timespec* b), next(a, b))
+INTERCEPT(int, pthread_mutex_unlock, (pthread_mutex_t* a), next(a))
+INTERCEPT(int, pthread_mutex_destroy, (pthread_mutex_t* a), next(a))
+INTERCEPT(int, pthread_rwlock_init, (pthread_rwlock_t* a, const pthread_rwlockattr_t* b), next(a, b))
+INTERCEPT(int, pthread_rwlock_rdlock, (pthread_rwlock_t* a), next(a))
+INTERCEPT(int, pthread_rwlock_wrlock, (pthread_rwlock_t* a), next(a))
+INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), next(a, b))
+INTERCEPT(int, backtrace, (void** a, int b), WithoutFirst(a, next(a, b)))
+INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))
+INTERCEPT(int, dladdr, (const void* a, Dl_info* b), next(a, b))
+INTERCEPT(char*, __cxa_demangle, (const char* a, char* b, std::size_t* c, int* d), next(a, b, c, d))
 // clang-format on
 
 void* operator new(std::size_t size) {

@@ -1,0 +1,193 @@
+#include "support/FailingCall.h"
+#include "support/Throws.h"
+
+#include <Kel/Core/BasicStringFormatExceptionHandler.h>
+#include <Kel/Core/Exception.h>
+#include <Kel/Core/RuntimeTypeInfo.h>
+#include <Kel/System/Ve/Exceptions/AccessDeniedException.h>
+#include <Kel/System/Ve/Exceptions/AlreadyExistsException.h>
+#include <Kel/System/Ve/Exceptions/InvalidPathException.h>
+#include <Kel/System/Ve/Exceptions/NotExistException.h>
+#include <Kel/System/Ve/Exceptions/VeException.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
+
+using Kel::BasicString;
+using Kel::Exception;
+using Kel::FinishedText;
+using Kel::RuntimeTypeInfo;
+using Kel::System::Core::Impl::BasicStringFormatExceptionHandler;
+using namespace Kel::System::Ve::Exceptions;
+
+namespace {
+
+// A literal null must not become a name.
+static_assert(!std::is_constructible_v<BasicString, std::nullptr_t>);
+
+enum class Color : std::uint8_t { Green = 7 };
+
+VeException MakeVeException() { return VeException("outer {0}", "text"); }
+
+// A C++ name that backtraces of this executable show, since it exports its symbols.
+[[gnu::noinline]] BasicString TraceOfThisFunction() { return MakeVeException().GetStackTrace(); }
+
+// A type whose name is not the compiler's.
+class NamedType : public std::type_info {
+public:
+    explicit NamedType(const char* name) : std::type_info(name) {}
+};
+
+TEST(MessageTest, FillsPlaceholders) {
+    const char text[] = "text";
+    const char* const null = nullptr;
+    const std::pair<Exception, const char*> table[] = {
+        {Exception("no placeholder"), "no placeholder"},
+        {Exception("{1} {0} {1}", 1, 2U), "2 1 2"},
+        {Exception("{} {:d} {:x}", -1, 9223372036854775807LL, 255UL), "-1 9223372036854775807 ff"},
+        {Exception("{}{}{}", 'c', true, 1.5F), "ctrue1.5"},
+        {Exception("{} {} {} {}", text, std::string("a"), BasicString("b"), std::string_view("cd", 1)), "text a b c"},
+        {Exception("{} {:d}", Color::Green, Color::Green), "7 7"},
+        {Exception("{} {}", nullptr, reinterpret_cast<int*>(0x1f)), "0x0 0x1f"},
+        {Exception("{0}", "brace } and {0}"), "brace } and {0}"},
+        {Exception(FinishedText{"{0} {"}), "{0} {"},
+    };
+    for (const auto& [exception, message] : table) {
+        EXPECT_EQ(exception.GetMessage(), message);
+        EXPECT_STREQ(exception.what(), message);
+    }
+    // The formatting library's own words end the message; they are not ours to fix.
+    for (const auto& makeBroken : {+[] { throw VeException("{0} {1} {", 1); }, +[] { throw VeException("{1}", 1); },
+                                   +[] { throw NotExistException("{:d}", "text"); }, +[] { throw Exception("}"); }}) {
+        try {
+            makeBroken();
+            ADD_FAILURE() << "threw nothing";
+        } catch (const Exception& exception) {
+            EXPECT_EQ(exception.GetTypeCode(), 0);
+            EXPECT_EQ(exception.GetMessage().rfind("Invalid String::Format(..) operation occurs with format string '", 0), 0U)
+                << exception.GetMessage();
+        }
+    }
+    EXPECT_TRUE(Throws<Exception>([&] { throw VeException("{0}", null); },
+                                  "Invalid String::Format(..) operation occurs with format string '{0}': string pointer "
+                                  "is null"));
+    EXPECT_TRUE(Throws<Exception>([&] { throw VeException(null); },
+                                  "Invalid String::Format(..) operation occurs with format string '': format string is "
+                                  "null"));
+    EXPECT_TRUE(Throws<Exception>([&] { BasicStringFormatExceptionHandler::Invoke("{0", "} is {} missing"); },
+                                  "Invalid String::Format(..) operation occurs with format string '{0': } is {} missing"));
+}
+
+TEST(ExceptionTest, FormatsWithInnerExceptions) {
+    const auto innermost = std::make_shared<Exception>("innermost");
+    const auto inner = std::make_shared<Exception>(innermost, "inner {0}", 1);
+    const Exception outer(FinishedText{"outer"}, inner);
+    EXPECT_EQ(outer.ToString(),
+              "outer (Kel::Exception)\nInnerException:\n   inner 1 (Kel::Exception)\n   InnerException:\n      innermost "
+              "(Kel::Exception)");
+    EXPECT_EQ(outer.Format(2, false), "      outer (Kel::Exception)");
+    EXPECT_EQ(outer.Format(-1, false), "outer (Kel::Exception)");
+}
+
+TEST(ExceptionTest, ClonesPlainly) {
+    const auto inner = std::make_shared<Exception>("inner");
+    const AccessDeniedException exception(FinishedText{"{0} {"}, inner);
+    const std::shared_ptr<Exception> clone = exception.Clone();
+    EXPECT_EQ(typeid(*clone), typeid(Exception));
+    EXPECT_EQ(clone->GetTypeCode(), 0);
+    EXPECT_EQ(clone->GetMessage(), "{0} {");
+    EXPECT_EQ(clone->GetInnerException(), inner);
+}
+
+TEST(ExceptionTest, HasATypeCodeForEachType) {
+    EXPECT_EQ(VeException("").GetTypeCode(), 256);
+    EXPECT_EQ(NotExistException("").GetTypeCode(), 257);
+    EXPECT_EQ(AlreadyExistsException("").GetTypeCode(), 258);
+    EXPECT_EQ(InvalidPathException("").GetTypeCode(), 259);
+    EXPECT_EQ(AccessDeniedException("").GetTypeCode(), 260);
+}
+
+TEST(VeExceptionTest, FormatsWithStackTraceAndInnerException) {
+    const auto inner = std::make_shared<VeException>("inner {0}", 1);
+    const NotExistException outer(inner, "outer {0}", "{");
+    const std::string withoutInner =
+        "Exception of type 'Kel::System::Ve::Exceptions::NotExistException' was thrown\nouter {\n" +
+        outer.GetStackTrace() + "\n";
+    EXPECT_EQ(outer.Format(3, false), withoutInner);
+    EXPECT_EQ(outer.ToString(), withoutInner +
+                                    "---\nInner exception: Exception of type "
+                                    "'Kel::System::Ve::Exceptions::VeException' was thrown\ninner 1\n" +
+                                    inner->GetStackTrace() + "\n");
+}
+
+TEST(VeExceptionTest, CapturesAStackTrace) {
+    const BasicString trace = TraceOfThisFunction();
+    EXPECT_EQ(trace.rfind("   at: Kel::System::Ve::Exceptions::VeException::VeException(", 0), 0U) << trace;
+    EXPECT_NE(trace.find("   at: testing::Test::Run()\r\n"), BasicString::npos) << trace;
+    EXPECT_EQ(trace.find("CreateStackTrace"), BasicString::npos) << trace;
+    EXPECT_EQ(trace.substr(trace.size() - 2), "\r\n");
+}
+
+TEST(VeExceptionTest, EndsTheStackTraceWhereNothingIsKnown) {
+    {
+        const FailingCall call("backtrace", 0, 0);
+        EXPECT_EQ(MakeVeException().GetStackTrace(), "");
+    }
+    {
+        const FailingCall call("backtrace", 1, 0);
+        EXPECT_EQ(MakeVeException().GetStackTrace(), "");
+    }
+    {
+        const FailingCall call("dladdr", 0, 0);
+        EXPECT_EQ(MakeVeException().GetStackTrace(), "");
+    }
+    {
+        const FailingCall call("dladdr", 0, 0, 2);
+        const BasicString trace = MakeVeException().GetStackTrace();
+        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 2) << trace;
+    }
+}
+
+TEST(VeExceptionTest, ShowsModuleAndAddressOfFramesWithoutAName) {
+    {
+        const FailingCall call("__cxa_demangle", 0, 0);
+        const BasicString trace = MakeVeException().GetStackTrace();
+        const BasicString firstLine = trace.substr(0, trace.find("\r\n"));
+        EXPECT_NE(firstLine.find("libKel.System.Ve.so"), BasicString::npos) << trace;
+        EXPECT_EQ(firstLine.back(), ']') << trace;
+    }
+    // That of the C runtime's start-up code has no C++ name.
+    const FailingCall call("backtrace_symbols", 0, ENOMEM);
+    const BasicString trace = MakeVeException().GetStackTrace();
+    EXPECT_NE(trace.find("   at: \r\n"), BasicString::npos) << trace;
+}
+
+TEST(RuntimeTypeInfoTest, NamesTypes) {
+    EXPECT_EQ(RuntimeTypeInfo::GetTypeName(typeid(VeException)), "Kel::System::Ve::Exceptions::VeException");
+    EXPECT_EQ(RuntimeTypeInfo::GetTypeName(NamedType("*i")), "int");
+    {
+        // What some compilers' names look like.
+        const FailingCall call("__cxa_demangle", reinterpret_cast<std::intptr_t>(strdup("class A<struct B, enum C>::class D")), 0);
+        EXPECT_EQ(RuntimeTypeInfo::GetTypeName(typeid(int)), "A<B, C>::D");
+    }
+    EXPECT_TRUE(Throws<Exception>([] { RuntimeTypeInfo::GetTypeName(NamedType("*no{0}name")); },
+                                  "Demangling of type name 'no{0}name' failed."));
+}
+
+TEST(RuntimeTypeInfoTest, DemanglesSymbols) {
+    EXPECT_EQ(RuntimeTypeInfo::DemangleSymbol("_ZN3Kel9Exception5CloneEv"), "Kel::Exception::Clone()");
+    EXPECT_EQ(RuntimeTypeInfo::DemangleSymbol("main"), "");
+    EXPECT_EQ(RuntimeTypeInfo::DemangleSymbol(nullptr), "");
+}
+
+}  // namespace

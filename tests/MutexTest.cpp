@@ -1,0 +1,258 @@
+#include "support/Child.h"
+#include "support/FactoryTest.h"
+#include "support/FailingCall.h"
+#include "support/Throws.h"
+
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/IMutexService.h>
+#include <Kel/System/Ve/Internal/Linux/IpcMutexService.h>
+#include <Kel/System/Ve/Internal/Linux/MutexService.h>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <type_traits>
+
+using Kel::System::Ve::IMutexService;
+using Kel::System::Ve::Exceptions::VeException;
+using Kel::System::Ve::Internal::Linux::IpcMutexService;
+using Kel::System::Ve::Internal::Linux::MutexService;
+
+namespace {
+
+// The kernel's own view of this thread's priority, which an inherited one shows in: 20 for a normal thread, -1 - n for
+// real-time priority n.
+int KernelPriority() {
+    std::ifstream file("/proc/self/task/" + std::to_string(gettid()) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    std::istringstream fields(line.substr(line.rfind(')') + 2));
+    std::string field;
+    for (int i = 3; i <= 18; ++i) {
+        fields >> field;
+    }
+    return std::stoi(field);
+}
+
+// Both mutexes behave alike; `T` is one of them.
+template <typename T>
+void Init(T& mutex, bool recursive) {
+    if constexpr (std::is_same_v<T, MutexService>) {
+        mutex.Init(recursive, MutexService::ProcessPrivate);
+    } else {
+        mutex.Init(recursive);
+    }
+}
+
+template <typename T>
+class MutexTest : public FactoryTest {};
+
+using Mutexes = testing::Types<MutexService, IpcMutexService>;
+
+struct Names {
+    template <typename T>
+    static std::string GetName(int) {
+        return std::is_same_v<T, MutexService> ? "MutexService" : "IpcMutexService";
+    }
+};
+
+TYPED_TEST_SUITE(MutexTest, Mutexes, Names);
+
+TYPED_TEST(MutexTest, RecursiveMutexIsFreeAfterAsManyUnlocks) {
+    TypeParam mutex;
+    Init(mutex, true);
+    EXPECT_TRUE(mutex.IsRecursive());
+    const auto isFree = [&] {
+        return std::async(std::launch::async, [&] {
+                   const bool acquired = mutex.TryLock();
+                   if (acquired) {
+                       mutex.Unlock();
+                   }
+                   return acquired;
+               })
+            .get();
+    };
+    mutex.Lock();
+    EXPECT_TRUE(mutex.TryLock());
+    EXPECT_EQ(mutex.TimedLock(0), 0);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(isFree());
+        mutex.Unlock();
+    }
+    EXPECT_TRUE(isFree());
+    if constexpr (std::is_same_v<TypeParam, IpcMutexService>) {
+        mutex.Destroy();
+    }
+}
+
+TYPED_TEST(MutexTest, HeldMutexIsNotAcquired) {
+    TypeParam mutex;
+    Init(mutex, false);
+    EXPECT_FALSE(mutex.IsRecursive());
+    mutex.Lock();
+    EXPECT_FALSE(mutex.TryLock());
+    std::thread([&] {
+        EXPECT_FALSE(mutex.TryLock());
+        EXPECT_EQ(mutex.TimedLock(0), -1);
+        const auto start = std::chrono::system_clock::now();
+        EXPECT_EQ(mutex.TimedLock(30), -1);
+        EXPECT_GE(std::chrono::system_clock::now() - start, std::chrono::milliseconds(30));
+    }).join();
+    std::thread waiting([&] {
+        EXPECT_EQ(mutex.TimedLock(100000), 0);
+        mutex.Unlock();
+    });
+    mutex.Unlock();
+    waiting.join();
+    EXPECT_EQ(mutex.TimedLock(0), 0);
+    mutex.Unlock();
+    if constexpr (std::is_same_v<TypeParam, IpcMutexService>) {
+        mutex.Destroy();
+    }
+}
+
+TYPED_TEST(MutexTest, FailedCallsAreReported) {
+    TypeParam mutex;
+    const auto init = [&] { Init(mutex, true); };
+    ExpectFailures({
+        {"pthread_mutexattr_init", ENOMEM, EPERM, init,
+         "Init: Could not initialize mutex attribute: Cannot allocate memory"},
+        {"pthread_mutexattr_settype", EINVAL, EPERM, init, "Init: Could not set the mutex type: Invalid argument"},
+        {"pthread_mutexattr_setpshared", EINVAL, EPERM, init,
+         "Init: Could not set shared-flag on mutex attribute: Invalid argument"},
+        {"pthread_mutexattr_setprotocol", ENOTSUP, EPERM, init,
+         "Init: Could not update the protocol information for the mutex: Operation not supported"},
+        {"pthread_mutex_init", EAGAIN, EPERM, init,
+         "Init: Mutex could not be initiated: Resource temporarily unavailable"},
+    });
+    init();
+    ExpectFailures({
+        {"pthread_mutex_lock", EDEADLK, EPERM, [&] { mutex.Lock(); },
+         "Lock: Mutex could not be locked: Resource deadlock avoided"},
+        {"pthread_mutex_trylock", EINVAL, EPERM, [&] { mutex.TryLock(); },
+         "TryLock: Mutex could not be trylocked: Operation not permitted"},
+        {"pthread_mutex_timedlock", EDEADLK, EPERM, [&] { mutex.TimedLock(1); },
+         "TimedLock: Mutex could not be timelocked: Operation not permitted"},
+        {"clock_gettime", -1, EINVAL, [&] { mutex.TimedLock(1); }, "Could not compute timeout."},
+        {"pthread_mutex_unlock", EPERM, EINVAL, [&] { mutex.Unlock(); },
+         "Unlock: Mutex could not be unlocked: Operation not permitted"},
+        {"pthread_mutexattr_gettype", EINVAL, EPERM, [&] { static_cast<void>(mutex.IsRecursive()); },
+         "IsRecursive: Could not query mutex type: Invalid argument"},
+        {"pthread_mutexattr_destroy", EINVAL, EPERM, [&] { mutex.Destroy(); },
+         "Destroy: Could not destroy mutex attribute: Invalid argument"},
+    });
+    TypeParam other;
+    Init(other, false);
+    ExpectFailures({{"pthread_mutex_destroy", EBUSY, EPERM, [&] { other.Destroy(); },
+                     "Destroy: Mutex could not be destroyed: Device or resource busy"}});
+}
+
+using MutexServiceTest = FactoryTest;
+
+TEST_F(MutexServiceTest, CreationThatFailsLeavesNothingBehind) {
+    for (const char* const function :
+         {"pthread_mutexattr_init", "pthread_mutexattr_settype", "pthread_mutexattr_setpshared",
+          "pthread_mutexattr_setprotocol", "pthread_mutex_init"}) {
+        const FailingCall call(function, ENOMEM, EPERM);
+        EXPECT_THROW(factory->CreateMutex(false), VeException) << function;
+        EXPECT_EQ(this->LiveObjects(), 0U);
+        EXPECT_TRUE(factory->GetRegisteredServiceObjects().empty());
+    }
+}
+
+TEST_F(MutexServiceTest, IsDestroyedOnce) {
+    MutexService mutex;
+    mutex.Init(false, MutexService::InterProcess);
+    mutex.Destroy();
+    mutex.Destroy();
+}
+
+TEST_F(MutexServiceTest, DeletingAHeldMutexEndsTheProcess) {
+    Child child([this] {
+        const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(false));
+        mutex->Lock();
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 128 + SIGABRT);
+}
+
+// Also shows that the attributes that the factory asks for arrive: a normal mutex would not lend a priority.
+TEST_F(MutexServiceTest, HolderInheritsThePriorityOfAWaitingThread) {
+    const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(true));
+    const int ownPriority = KernelPriority();
+    mutex->Lock();
+    pthread_attr_t attributes;
+    ASSERT_EQ(pthread_attr_init(&attributes), 0);
+    ASSERT_EQ(pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED), 0);
+    ASSERT_EQ(pthread_attr_setschedpolicy(&attributes, SCHED_FIFO), 0);
+    const sched_param realTime{20};
+    ASSERT_EQ(pthread_attr_setschedparam(&attributes, &realTime), 0);
+    pthread_t waiting;
+    const int code = pthread_create(
+        &waiting, &attributes,
+        [](void* argument) -> void* {
+            static_cast<IMutexService*>(argument)->Lock();
+            static_cast<IMutexService*>(argument)->Unlock();
+            return nullptr;
+        },
+        mutex.get());
+    pthread_attr_destroy(&attributes);
+    if (code == EPERM) {
+        mutex->Unlock();
+        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
+    }
+    ASSERT_EQ(code, 0);
+    // Without inheritance this goes on until the runner's time limit.
+    while (KernelPriority() != -21) {
+        std::this_thread::yield();
+    }
+    mutex->Unlock();
+    EXPECT_EQ(KernelPriority(), ownPriority);
+    ASSERT_EQ(pthread_join(waiting, nullptr), 0);
+}
+
+TEST(IpcMutexTest, ExcludesOtherProcesses) {
+    struct Shared {
+        IpcMutexService mutex;
+        int counter;
+    };
+    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto* const shared = new (memory) Shared;
+    shared->counter = 0;
+    shared->mutex.Init(false);
+    shared->mutex.Lock();
+    const auto count = [shared] {
+        for (int i = 0; i < 20000; ++i) {
+            shared->mutex.Lock();
+            ++shared->counter;
+            shared->mutex.Unlock();
+        }
+        return 0;
+    };
+    EXPECT_EQ(Child([shared] { return !shared->mutex.TryLock() && shared->mutex.TimedLock(0) == -1 ? 0 : 1; }).Wait(), 0);
+    {
+        Child first(count);
+        Child second(count);
+        shared->mutex.Unlock();
+        EXPECT_EQ(first.Wait(), 0);
+        EXPECT_EQ(second.Wait(), 0);
+    }
+    EXPECT_EQ(shared->counter, 40000);
+    shared->mutex.Destroy();
+    munmap(memory, sizeof(Shared));
+}
+
+}  // namespace

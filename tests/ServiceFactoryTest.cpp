@@ -1,0 +1,251 @@
+#include "support/Child.h"
+#include "support/FactoryTest.h"
+#include "support/FailingCall.h"
+#include "support/Throws.h"
+
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/IMutexService.h>
+#include <Kel/System/Ve/Internal/ServiceFactory.h>
+#include <Kel/System/Ve/Internal/ServiceObjectBase.h>
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Kel::BasicString;
+using Kel::Exception;
+using Kel::System::Ve::IMutexService;
+using Kel::System::Ve::IServiceObject;
+using Kel::System::Ve::ServiceType;
+using Kel::System::Ve::Exceptions::VeException;
+using Kel::System::Ve::Internal::ServiceFactory;
+using Kel::System::Ve::Internal::ServiceObjectBase;
+
+namespace {
+
+const char* const noAppDomain = "Singleton instance of type 'Kel::AppDomain' was not created yet!";
+const char* const noFactory =
+    "AppDomain Singleton instance of type 'Kel::System::Ve::Internal::ServiceFactory' was not created yet!";
+
+class TestService : public ServiceObjectBase {
+public:
+    explicit TestService(ServiceType type = ServiceType::Thread, bool registers = true)
+        : ServiceObjectBase("TestService", type, registers) {}
+};
+
+// What was written to standard output while `operation` ran; its base is decimal before and after.
+template <typename Operation>
+std::string OutputOf(Operation&& operation) {
+    std::ostringstream output;
+    std::streambuf* const previous = std::cout.rdbuf(output.rdbuf());
+    operation();
+    std::cout.rdbuf(previous);
+    return output.str();
+}
+
+using ServiceFactoryTest = FactoryTest;
+using NoFactoryTest = AppDomainTest;
+
+TEST(NoAppDomainTest, NothingCanBeMade) {
+    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); }, noAppDomain));
+    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::DisposeServiceFactory(); }, noAppDomain));
+    EXPECT_TRUE(Throws<Exception>([] { TestService(); }, noAppDomain));
+    const TestService unregistered(ServiceType::Thread, false);
+}
+
+TEST_F(NoFactoryTest, NoServiceObjectCanBeMade) {
+    EXPECT_TRUE(Throws<Exception>([] { TestService(); }, noFactory));
+    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::GetInstance(); }, noFactory));
+    ServiceFactory::DisposeServiceFactory();
+}
+
+TEST_F(NoFactoryTest, FactoryIsMadeOnceUntilItIsDisposed) {
+    ServiceFactory::CreateServiceFactory();
+    ServiceFactory* const factory = ServiceFactory::GetInstance();
+    EXPECT_TRUE(Throws<Exception>(
+        [] { ServiceFactory::CreateServiceFactory(); },
+        "AppDomain Singleton instance of type 'Kel::System::Ve::Internal::ServiceFactory' was created yet!"));
+    EXPECT_EQ(ServiceFactory::GetInstance(), factory);
+    EXPECT_EQ(OutputOf([] { ServiceFactory::DisposeServiceFactory(); }), "");
+    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::GetInstance(); }, noFactory));
+    ServiceFactory::CreateServiceFactory();
+    ServiceFactory::DisposeServiceFactory();
+}
+
+// As when another thread is faster. In a child, since the factory that is refused stays allocated.
+TEST_F(NoFactoryTest, SecondFactoryAtTheSameTimeIsRefused) {
+    Child child([] {
+        const FailingCall call("pthread_mutex_init", [] { ServiceFactory::CreateServiceFactory(); });
+        return Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); },
+                                 "AppDomain Singleton of type 'Kel::System::Ve::Internal::ServiceFactory' has been added yet")
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST_F(NoFactoryTest, AppDomainThatGoesWhileTheFactoryIsMadeIsMissed) {
+    const FailingCall call("pthread_mutex_init", [] { Kel::Singleton<Kel::AppDomain>::pInstance = nullptr; });
+    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); }, noAppDomain));
+}
+
+TEST_F(NoFactoryTest, FactoryWhoseMutexFailsIsNotLeftBehind) {
+    {
+        const FailingCall call("pthread_mutex_init", ENOMEM, ENOENT);
+        EXPECT_TRUE(Throws<VeException>([] { ServiceFactory::CreateServiceFactory(); },
+                                        "Init: Mutex could not be initiated: Cannot allocate memory"));
+    }
+    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::GetInstance(); }, noFactory));
+}
+
+TEST_F(NoFactoryTest, AllocationsThatFailLeaveNothingBehind) {
+    int failures = 0;
+    for (bool succeeded = false; !succeeded; ++failures) {
+        std::unique_ptr<IMutexService> mutex;
+        try {
+            const FailingAllocation allocation(failures);
+            ServiceFactory::CreateServiceFactory();
+            mutex.reset(ServiceFactory::GetInstance()->CreateMutex(true));
+            succeeded = true;
+        } catch (const std::bad_alloc&) {
+        }
+        mutex.reset();
+        EXPECT_EQ(OutputOf([] { ServiceFactory::DisposeServiceFactory(); }), "");
+    }
+    EXPECT_GT(failures, 5);
+}
+
+TEST_F(NoFactoryTest, FactoryWithoutItsMutexRegistersNothing) {
+    class HostFactory : public ServiceFactory {
+        IMutexService* CreateMutex(bool) override { return nullptr; }
+    };
+    TestService service(ServiceType::Thread, false);
+    alignas(HostFactory) std::byte storage[sizeof(HostFactory)];
+    const FailingCall call("pthread_mutexattr_init", [&] {
+        auto* const unfinished = reinterpret_cast<ServiceFactory*>(storage);
+        EXPECT_TRUE(Throws<VeException>([&] { unfinished->RegisterServiceObject(&service); },
+                                        "RegisterServiceObject: Mutex not initialized yet."));
+        EXPECT_TRUE(Throws<VeException>([&] { unfinished->ReleaseServiceObject(nullptr); },
+                                        "ReleaseServiceObject: Mutex not initialized yet."));
+    });
+    (new (storage) HostFactory)->~HostFactory();
+}
+
+TEST_F(ServiceFactoryTest, KnowsItsVersion) {
+    const Kel::BasicVersion version = factory->GetVersion();
+    EXPECT_EQ(version.GetText(), "2024.0.8 LTS");
+    EXPECT_EQ(version.GetMajor(), 24U);
+    EXPECT_EQ(version.GetMinor(), 0U);
+    EXPECT_EQ(version.GetPatch(), 8U);
+    EXPECT_EQ(version.GetBuild(), 183U);
+    EXPECT_EQ(version.GetSuffix(), "");
+}
+
+TEST_F(ServiceFactoryTest, ListsLiveServiceObjects) {
+    {
+        const TestService first;
+        const std::unique_ptr<IMutexService> second(factory->CreateMutex(false));
+        EXPECT_EQ(LiveObjects(), 2U);
+        EXPECT_EQ(factory->GetStatistics().GetTotalMemory(), 0U);
+        const ServiceFactory::ServiceObjects& objects = factory->GetRegisteredServiceObjects();
+        EXPECT_EQ(objects.size(), 2U);
+        EXPECT_EQ(objects.at(second.get()).text, "");
+        EXPECT_EQ(second->GetServiceName(), "MutexService");
+        EXPECT_EQ(second->GetServiceType(), ServiceType::Mutex);
+    }
+    EXPECT_EQ(LiveObjects(), 0U);
+}
+
+TEST_F(ServiceFactoryTest, CountsEveryRegistrationAndRelease) {
+    TestService service(ServiceType::Thread, false);
+    factory->RegisterServiceObject(nullptr);
+    factory->ReleaseServiceObject(nullptr);
+    EXPECT_EQ(LiveObjects(), 0U);
+    factory->ReleaseServiceObject(&service);
+    EXPECT_EQ(LiveObjects(), 0xffffffffU);
+    factory->RegisterServiceObject(&service);
+    factory->RegisterServiceObject(&service);
+    EXPECT_EQ(LiveObjects(), 1U);
+    EXPECT_EQ(factory->GetRegisteredServiceObjects().size(), 1U);
+    factory->ReleaseServiceObject(&service);
+}
+
+TEST_F(ServiceFactoryTest, RegistersFromAllThreads) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int j = 0; j < 500; ++j) {
+                const TestService service;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(LiveObjects(), 0U);
+}
+
+// In a child, since the registry stays locked when it cannot be unlocked.
+TEST_F(ServiceFactoryTest, RegistrationThatFailsLeavesNoEntry) {
+    Child child([this] {
+        ExpectFailures({
+            {"pthread_mutex_lock", EDEADLK, ENOENT, [] { TestService(); },
+             "Lock: Mutex could not be locked: Resource deadlock avoided"},
+            {"pthread_mutex_unlock", EPERM, ENOENT, [] { TestService(); },
+             "Unlock: Mutex could not be unlocked: Operation not permitted"},
+        });
+        EXPECT_EQ(LiveObjects(), 0U);
+        EXPECT_TRUE(factory->GetRegisteredServiceObjects().empty());
+        return HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST_F(ServiceFactoryTest, ReportsWhatIsAlive) {
+    const std::vector<TestService> threads(9);
+    const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(false));
+    std::ostringstream lines;
+    for (const auto& entry : factory->GetRegisteredServiceObjects()) {
+        lines << "WARN: service object " << entry.first << " of type '" << (entry.first == mutex.get() ? "Mutex" : "Thread")
+              << "' was not destroyed.\n";
+    }
+    const auto report = [this] { return OutputOf([this] { factory->PrintAllNotDestroyedServiceObjects(); }); };
+    EXPECT_EQ(report(), "WARN: 10 service objects were not destroyed:\n" + lines.str());
+    EXPECT_EQ(report(), "WARN: a service objects were not destroyed:\n" + lines.str());
+    std::cout << std::dec;
+}
+
+TEST_F(ServiceFactoryTest, ReportsATypeWithoutName) {
+    const TestService service(ServiceType{18});
+    const std::string output = OutputOf([this] {
+        EXPECT_TRUE(Throws<Exception>([this] { factory->PrintAllNotDestroyedServiceObjects(); },
+                                      "Invalid value for Enum 'Kel::System::Ve::ServiceType' occurs: 18"));
+    });
+    EXPECT_EQ(output, "WARN: 1 service objects were not destroyed:\n");
+    EXPECT_TRUE(std::cout.good());
+    Child child([] {
+        ServiceFactory::DisposeServiceFactory();
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 128 + SIGABRT);
+}
+
+TEST_F(ServiceFactoryTest, ServiceObjectThatOutlivesTheFactoryEndsTheProcess) {
+    Child child([] {
+        const TestService service;
+        ServiceFactory::DisposeServiceFactory();
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 128 + SIGABRT);
+}
+
+}  // namespace

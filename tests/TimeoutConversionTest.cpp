@@ -1,0 +1,80 @@
+#include "support/FailingCall.h"
+#include "support/Throws.h"
+
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <limits>
+
+using Kel::System::Ve::Exceptions::VeException;
+using Kel::System::Ve::Internal::Linux::TimeoutConversion;
+
+namespace {
+
+// The clocks stand still: the intercepted call succeeds without touching the result, which Convert has zeroed.
+TEST(TimeoutConversionTest, AddsMilliseconds) {
+    const struct {
+        unsigned long timeoutMs;
+        timespec deadline;
+    } table[] = {
+        {0, {0, 0}}, {999, {0, 999000000}}, {1000, {1, 0}}, {1500, {1, 500000000}}, {4294967295UL, {4294967, 295000000}},
+    };
+    for (const auto& row : table) {
+        const FailingCall stoppedClock("clock_gettime", 0, 0);
+        timespec deadline{-1, -1};
+        TimeoutConversion::Convert(row.timeoutMs, deadline, TimeoutConversion::Realtime);
+        EXPECT_EQ(deadline.tv_sec, row.deadline.tv_sec);
+        EXPECT_EQ(deadline.tv_nsec, row.deadline.tv_nsec);
+    }
+}
+
+TEST(TimeoutConversionTest, StartsFromTheClockAskedFor) {
+    for (const auto clock : {TimeoutConversion::Realtime, TimeoutConversion::Monotonic}) {
+        timespec before;
+        timespec deadline;
+        timespec after;
+        ASSERT_EQ(clock_gettime(clock, &before), 0);
+        TimeoutConversion::Convert(999, deadline, clock);
+        ASSERT_EQ(clock_gettime(clock, &after), 0);
+        const auto nanoseconds = [](const timespec& time) { return time.tv_sec * 1000000000LL + time.tv_nsec; };
+        EXPECT_GE(nanoseconds(deadline), nanoseconds(before) + 999000000);
+        EXPECT_LE(nanoseconds(deadline), nanoseconds(after) + 999000000);
+        EXPECT_LE(deadline.tv_nsec, 999999999);
+    }
+}
+
+TEST(TimeoutConversionTest, ReportsFailures) {
+    timespec deadline{-1, -1};
+    for (const int clock : {-1, 2, 7}) {
+        EXPECT_TRUE(Throws<VeException>(
+            [&] { TimeoutConversion::Convert(1, deadline, static_cast<TimeoutConversion::ClockId>(clock)); },
+            "Unknown clock requested."));
+        EXPECT_EQ(deadline.tv_sec, 0);
+        EXPECT_EQ(deadline.tv_nsec, 0);
+    }
+    ExpectFailures({{"clock_gettime", -1, EINVAL,
+                     [&] { TimeoutConversion::Convert(1, deadline, TimeoutConversion::Monotonic); },
+                     "Could not compute timeout."}});
+}
+
+TEST(TimeoutConversionTest, SplitsNanoseconds) {
+    const struct {
+        long long nanoseconds;
+        timespec split;
+    } table[] = {{0, {0, 0}}, {1500000000, {1, 500000000}}, {-1500000000, {-1, -500000000}}, {-1, {0, -1}}};
+    for (const auto& row : table) {
+        timespec result{7, 7};
+        TimeoutConversion::NsAbsoluteToTimespec(std::chrono::nanoseconds(row.nanoseconds), result);
+        EXPECT_EQ(result.tv_sec, row.split.tv_sec);
+        EXPECT_EQ(result.tv_nsec, row.split.tv_nsec);
+    }
+    timespec furthest;
+    TimeoutConversion::NsAbsoluteToTimespec(std::chrono::nanoseconds::max(), furthest);
+    EXPECT_GE(furthest.tv_sec, std::numeric_limits<std::int32_t>::max());
+}
+
+}  // namespace
