@@ -2,6 +2,8 @@
 
 #include <Kel/Core/ErrorText.h>
 
+#include <cstring>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -36,6 +38,12 @@ Locked LockForWriting(pthread_rwlock_t& lock) {
 // One pointer for the whole process: hosts, the library and other libraries all bind to this definition.
 template <>
 AppDomain* Singleton<AppDomain>::pInstance = nullptr;
+
+bool AppDomain::TypeOrder::operator()(std::type_index left, std::type_index right) const {
+    const int order = std::strcmp(left.name(), right.name());
+    // Types that are local to different source files may have the same name, but not at the same address.
+    return order != 0 ? order < 0 : left != right && std::less<>()(left.name(), right.name());
+}
 
 AppDomain::AppDomain() { Check(pthread_rwlock_init(&lock, nullptr)); }
 

@@ -35,7 +35,13 @@ public:
     void Remove(std::type_index type);
 
 private:
-    std::map<std::type_index, void*> singletons;
+    // By name: the order of `std::type_index` itself contradicts itself on 32-bit ARM when one of two types is local to
+    // its source file, and then one type's instance is found for the other.
+    struct TypeOrder {
+        bool operator()(std::type_index left, std::type_index right) const;
+    };
+
+    std::map<std::type_index, void*, TypeOrder> singletons;
     mutable pthread_rwlock_t lock;
 };
 

@@ -20,10 +20,14 @@ namespace {
 thread_local FailingCall* armedCall = nullptr;
 thread_local int allocationsLeft = -1;
 
-// A backtrace without the frame of the function that intercepts it.
-int WithoutFirst(void** addresses, int count) {
-    std::copy(addresses + 1, addresses + count, addresses);
-    return count - 1;
+// A backtrace from `caller` outwards, without the frames of those that intercept it: we, and sanitizers.
+int StartingAt(const void* caller, void** addresses, int count) {
+    // The lowest bit of a return address on ARM tells the instruction set.
+    const auto isCaller = [caller](const void* address) {
+        return (reinterpret_cast<std::uintptr_t>(address) | 1) == (reinterpret_cast<std::uintptr_t>(caller) | 1);
+    };
+    void** const first = std::find_if(addresses, addresses + count, isCaller);
+    return static_cast<int>(std::copy(first, addresses + count, addresses) - addresses);
 }
 
 }  // namespace
@@ -100,7 +104,7 @@ INTERCEPT(int, pthread_rwlock_init, (pthread_rwlock_t* a, const pthread_rwlockat
 INTERCEPT(int, pthread_rwlock_rdlock, (pthread_rwlock_t* a), next(a))
 INTERCEPT(int, pthread_rwlock_wrlock, (pthread_rwlock_t* a), next(a))
 INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), next(a, b))
-INTERCEPT(int, backtrace, (void** a, int b), WithoutFirst(a, next(a, b)))
+INTERCEPT(int, backtrace, (void** a, int b), StartingAt(__builtin_return_address(0), a, next(a, b)))
 INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))
 INTERCEPT(int, dladdr, (const void* a, Dl_info* b), next(a, b))
 INTERCEPT(char*, __cxa_demangle, (const char* a, char* b, std::size_t* c, int* d), next(a, b, c, d))
