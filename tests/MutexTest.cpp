@@ -18,12 +18,14 @@
 #include <chrono>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 using Kel::System::Ve::IMutexService;
 using Kel::System::Ve::Exceptions::VeException;
@@ -38,12 +40,10 @@ int KernelPriority() {
     std::ifstream file("/proc/self/task/" + std::to_string(gettid()) + "/stat");
     std::string line;
     std::getline(file, line);
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    std::string field;
-    for (int i = 3; i <= 18; ++i) {
-        fields >> field;
-    }
-    return std::stoi(field);
+    // After the name in brackets comes the third field; the priority is the 18th.
+    std::istringstream fields(line.substr(line.rfind(')') + 1));
+    const std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
+    return std::stoi(values.at(15));
 }
 
 // Both mutexes behave alike; `T` is one of them.

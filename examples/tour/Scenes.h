@@ -1,0 +1,17 @@
+#pragma once
+
+#include "Narrator.h"
+
+#include <Kel/System/Ve/Internal/ServiceFactory.h>
+
+// The scenes of the tour, in order.
+
+/// Makes the factory; the AppDomain exists.
+Kel::System::Ve::Internal::ServiceFactory& ShowStart(Narrator& narrator);
+
+void ShowMutexes(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowPriorityInheritance(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowInterProcessMutex(Narrator& narrator);
+
+/// Disposes the factory with two objects left alive.
+void ShowLeakReport(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);

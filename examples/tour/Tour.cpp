@@ -1,0 +1,32 @@
+// A tour of the library on the real system: every scene uses one service the way a program would, says in plain words what
+// it does, and checks what it says. The exit code is 0 when everything was as told.
+
+#include "Narrator.h"
+#include "Scenes.h"
+
+#include <Kel/Core/AppDomain.h>
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+int main() {
+    Narrator narrator;
+    try {
+        std::cout << "A tour of libKel.System.Ve\n";
+        Kel::AppDomain appDomain;
+        Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
+
+        auto& factory = ShowStart(narrator);
+        ShowMutexes(narrator, factory);
+        ShowPriorityInheritance(narrator, factory);
+        ShowInterProcessMutex(narrator);
+        ShowLeakReport(narrator, factory);
+
+        Kel::Singleton<Kel::AppDomain>::pInstance = nullptr;
+    } catch (const std::exception& exception) {
+        narrator.Check(false, std::string("the tour was ended by an exception: ") + exception.what());
+    }
+    std::cout << (narrator.Succeeded() ? "\nEverything was as told.\n" : "\nNot everything was as told.\n");
+    return narrator.Succeeded() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
