@@ -69,10 +69,20 @@ TEST(ServiceTypeTest, PrintsAndParsesNames) {
     const struct {
         int value;
         const char* name;
-    } table[] = {{0, "Process"},       {1, "SharedLibrary"}, {2, "Semaphore"},        {3, "Mutex"},
-                 {4, "Thread"},        {5, "SharedMemory"},  {6, "MessageQueue"},     {7, "Socket"},
-                 {9, "Timer"},         {10, "RWLockService"}, {14, "File"},           {15, "ConditionVariable"},
-                 {16, "TraceController"}, {17, "SignalHandler"}};
+    } table[] = {{0, "Process"},
+                 {1, "SharedLibrary"},
+                 {2, "Semaphore"},
+                 {3, "Mutex"},
+                 {4, "Thread"},
+                 {5, "SharedMemory"},
+                 {6, "MessageQueue"},
+                 {7, "Socket"},
+                 {9, "Timer"},
+                 {10, "RWLockService"},
+                 {14, "File"},
+                 {15, "ConditionVariable"},
+                 {16, "TraceController"},
+                 {17, "SignalHandler"}};
     for (const auto& row : table) {
         std::stringstream stream;
         stream << static_cast<ServiceType>(row.value);

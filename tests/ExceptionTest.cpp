@@ -37,10 +37,14 @@ static_assert(!std::is_constructible_v<BasicString, std::nullptr_t>);
 
 enum class Color : std::uint8_t { Green = 7 };
 
-VeException MakeVeException() { return VeException("outer {0}", "text"); }
+VeException MakeVeException() {
+    return VeException("outer {0}", "text");
+}
 
 // A C++ name that backtraces of this executable show, since it exports its symbols.
-[[gnu::noinline]] BasicString TraceOfThisFunction() { return MakeVeException().GetStackTrace(); }
+[[gnu::noinline]] BasicString TraceOfThisFunction() {
+    return MakeVeException().GetStackTrace();
+}
 
 // A type whose name is not the compiler's.
 class NamedType : public std::type_info {
@@ -74,27 +78,31 @@ TEST(MessageTest, FillsPlaceholders) {
             ADD_FAILURE() << "threw nothing";
         } catch (const Exception& exception) {
             EXPECT_EQ(exception.GetTypeCode(), 0);
-            EXPECT_EQ(exception.GetMessage().rfind("Invalid String::Format(..) operation occurs with format string '", 0), 0U)
+            EXPECT_EQ(
+                exception.GetMessage().rfind("Invalid String::Format(..) operation occurs with format string '", 0), 0U)
                 << exception.GetMessage();
         }
     }
-    EXPECT_TRUE(Throws<Exception>([&] { throw VeException("{0}", null); },
-                                  "Invalid String::Format(..) operation occurs with format string '{0}': string pointer "
-                                  "is null"));
+    EXPECT_TRUE(
+        Throws<Exception>([&] { throw VeException("{0}", null); },
+                          "Invalid String::Format(..) operation occurs with format string '{0}': string pointer "
+                          "is null"));
     EXPECT_TRUE(Throws<Exception>([&] { throw VeException(null); },
                                   "Invalid String::Format(..) operation occurs with format string '': format string is "
                                   "null"));
-    EXPECT_TRUE(Throws<Exception>([&] { BasicStringFormatExceptionHandler::Invoke("{0", "} is {} missing"); },
-                                  "Invalid String::Format(..) operation occurs with format string '{0': } is {} missing"));
+    EXPECT_TRUE(
+        Throws<Exception>([&] { BasicStringFormatExceptionHandler::Invoke("{0", "} is {} missing"); },
+                          "Invalid String::Format(..) operation occurs with format string '{0': } is {} missing"));
 }
 
 TEST(ExceptionTest, FormatsWithInnerExceptions) {
     const auto innermost = std::make_shared<Exception>("innermost");
     const auto inner = std::make_shared<Exception>(innermost, "inner {0}", 1);
     const Exception outer(FinishedText{"outer"}, inner);
-    EXPECT_EQ(outer.ToString(),
-              "outer (Kel::Exception)\nInnerException:\n   inner 1 (Kel::Exception)\n   InnerException:\n      innermost "
-              "(Kel::Exception)");
+    EXPECT_EQ(
+        outer.ToString(),
+        "outer (Kel::Exception)\nInnerException:\n   inner 1 (Kel::Exception)\n   InnerException:\n      innermost "
+        "(Kel::Exception)");
     EXPECT_EQ(outer.Format(2, false), "      outer (Kel::Exception)");
     EXPECT_EQ(outer.Format(-1, false), "outer (Kel::Exception)");
 }
@@ -177,7 +185,8 @@ TEST(RuntimeTypeInfoTest, NamesTypes) {
     EXPECT_EQ(RuntimeTypeInfo::GetTypeName(NamedType("*i")), "int");
     {
         // What some compilers' names look like.
-        const FailingCall call("__cxa_demangle", reinterpret_cast<std::intptr_t>(strdup("class A<struct B, enum C>::class D")), 0);
+        const FailingCall call("__cxa_demangle",
+                               reinterpret_cast<std::intptr_t>(strdup("class A<struct B, enum C>::class D")), 0);
         EXPECT_EQ(RuntimeTypeInfo::GetTypeName(typeid(int)), "A<B, C>::D");
     }
     EXPECT_TRUE(Throws<Exception>([] { RuntimeTypeInfo::GetTypeName(NamedType("*no{0}name")); },

@@ -1,5 +1,5 @@
-// A host that hides all of its own symbols, as many products do, and in one variant is not position-independent. It must
-// share the one singleton with the library, catch the library's exceptions by type and cast its interfaces.
+// A host that hides all of its own symbols, as many products do, and in one variant is not position-independent. It
+// must share the one singleton with the library, catch the library's exceptions by type and cast its interfaces.
 
 #include <Kel/Core/AppDomain.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>

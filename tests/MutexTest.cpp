@@ -75,13 +75,14 @@ TYPED_TEST(MutexTest, RecursiveMutexIsFreeAfterAsManyUnlocks) {
     Init(mutex, true);
     EXPECT_TRUE(mutex.IsRecursive());
     const auto isFree = [&] {
-        return std::async(std::launch::async, [&] {
-                   const bool acquired = mutex.TryLock();
-                   if (acquired) {
-                       mutex.Unlock();
-                   }
-                   return acquired;
-               })
+        return std::async(std::launch::async,
+                          [&] {
+                              const bool acquired = mutex.TryLock();
+                              if (acquired) {
+                                  mutex.Unlock();
+                              }
+                              return acquired;
+                          })
             .get();
     };
     mutex.Lock();
@@ -242,7 +243,8 @@ TEST(IpcMutexTest, ExcludesOtherProcesses) {
         }
         return 0;
     };
-    EXPECT_EQ(Child([shared] { return !shared->mutex.TryLock() && shared->mutex.TimedLock(0) == -1 ? 0 : 1; }).Wait(), 0);
+    EXPECT_EQ(Child([shared] { return !shared->mutex.TryLock() && shared->mutex.TimedLock(0) == -1 ? 0 : 1; }).Wait(),
+              0);
     {
         Child first(count);
         Child second(count);

@@ -24,7 +24,6 @@
 using Kel::BasicString;
 using Kel::Exception;
 using Kel::System::Ve::IMutexService;
-using Kel::System::Ve::IServiceObject;
 using Kel::System::Ve::ServiceType;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
@@ -85,8 +84,9 @@ TEST_F(NoFactoryTest, FactoryIsMadeOnceUntilItIsDisposed) {
 TEST_F(NoFactoryTest, SecondFactoryAtTheSameTimeIsRefused) {
     Child child([] {
         const FailingCall call("pthread_mutex_init", [] { ServiceFactory::CreateServiceFactory(); });
-        return Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); },
-                                 "AppDomain Singleton of type 'Kel::System::Ve::Internal::ServiceFactory' has been added yet")
+        return Throws<Exception>(
+                   [] { ServiceFactory::CreateServiceFactory(); },
+                   "AppDomain Singleton of type 'Kel::System::Ve::Internal::ServiceFactory' has been added yet")
                    ? 0
                    : 1;
     });
@@ -180,10 +180,10 @@ TEST_F(ServiceFactoryTest, CountsEveryRegistrationAndRelease) {
 }
 
 TEST_F(ServiceFactoryTest, RegistersFromAllThreads) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int j = 0; j < 500; ++j) {
+    std::vector<std::thread> threads(4);
+    for (std::thread& thread : threads) {
+        thread = std::thread([] {
+            for (int i = 0; i < 500; ++i) {
                 const TestService service;
             }
         });
@@ -215,8 +215,8 @@ TEST_F(ServiceFactoryTest, ReportsWhatIsAlive) {
     const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(false));
     std::ostringstream lines;
     for (const auto& entry : factory->GetRegisteredServiceObjects()) {
-        lines << "WARN: service object " << entry.first << " of type '" << (entry.first == mutex.get() ? "Mutex" : "Thread")
-              << "' was not destroyed.\n";
+        lines << "WARN: service object " << entry.first << " of type '"
+              << (entry.first == mutex.get() ? "Mutex" : "Thread") << "' was not destroyed.\n";
     }
     const auto report = [this] { return OutputOf([this] { factory->PrintAllNotDestroyedServiceObjects(); }); };
     EXPECT_EQ(report(), "WARN: 10 service objects were not destroyed:\n" + lines.str());

@@ -21,7 +21,11 @@ TEST(TimeoutConversionTest, AddsMilliseconds) {
         unsigned long timeoutMs;
         timespec deadline;
     } table[] = {
-        {0, {0, 0}}, {999, {0, 999000000}}, {1000, {1, 0}}, {1500, {1, 500000000}}, {4294967295UL, {4294967, 295000000}},
+        {0, {0, 0}},
+        {999, {0, 999000000}},
+        {1000, {1, 0}},
+        {1500, {1, 500000000}},
+        {4294967295UL, {4294967, 295000000}},
     };
     for (const auto& row : table) {
         const FailingCall stoppedClock("clock_gettime", 0, 0);
@@ -56,9 +60,9 @@ TEST(TimeoutConversionTest, ReportsFailures) {
         EXPECT_EQ(deadline.tv_sec, 0);
         EXPECT_EQ(deadline.tv_nsec, 0);
     }
-    ExpectFailures({{"clock_gettime", -1, EINVAL,
-                     [&] { TimeoutConversion::Convert(1, deadline, TimeoutConversion::Monotonic); },
-                     "Could not compute timeout."}});
+    ExpectFailures(
+        {{"clock_gettime", -1, EINVAL, [&] { TimeoutConversion::Convert(1, deadline, TimeoutConversion::Monotonic); },
+          "Could not compute timeout."}});
 }
 
 TEST(TimeoutConversionTest, SplitsNanoseconds) {

@@ -9,6 +9,7 @@
 namespace Kel {
 
 Exception::Exception(FinishedText finished, std::shared_ptr<Exception> inner)
+    // NOLINTNEXTLINE(bugprone-throw-keyword-missing): a pointer to an exception, stored.
     : message(std::move(finished.text)), innerException(std::move(inner)) {}
 
 Exception::~Exception() = default;
@@ -26,10 +27,16 @@ BasicString Exception::Format(int indent, bool withInner) const {
     return text;
 }
 
-std::int32_t Exception::GetTypeCodeInternal() const { return 0; }
+std::int32_t Exception::GetTypeCodeInternal() const {
+    return 0;
+}
 
-BasicString Exception::ToString() const { return Format(0, true); }
+BasicString Exception::ToString() const {
+    return Format(0, true);
+}
 
-const char* Exception::what() const noexcept { return message.c_str(); }
+const char* Exception::what() const noexcept {
+    return message.c_str();
+}
 
 }  // namespace Kel

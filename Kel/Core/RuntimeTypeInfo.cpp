@@ -30,7 +30,8 @@ BasicString RuntimeTypeInfo::GetTypeName(const std::type_info& type) {
         throw Exception("Demangling of type name '{0}' failed.", rawName);
     }
     for (const std::string_view keyword : {"class ", "struct ", "enum "}) {
-        for (auto position = name.find(keyword); position != BasicString::npos; position = name.find(keyword, position)) {
+        for (auto position = name.find(keyword); position != BasicString::npos;
+             position = name.find(keyword, position)) {
             name.erase(position, keyword.size());
         }
     }

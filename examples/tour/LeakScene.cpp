@@ -8,7 +8,8 @@ using Kel::System::Ve::Internal::ServiceFactory;
 
 void ShowLeakReport(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("The end: what was forgotten is reported");
-    narrator.Check(factory.GetStatistics().GetNumOfObjectsCreated() == 0, "all objects of the scenes have been deleted");
+    narrator.Check(factory.GetStatistics().GetNumOfObjectsCreated() == 0,
+                   "all objects of the scenes have been deleted");
     narrator.Say("Two more are made and, on purpose, not deleted before the factory is disposed. It says:");
     // Kept reachable: their memory is not lost, but a service must not be deleted any more once its factory is gone.
     static const void* const forgotten[] = {factory.CreateMutex(true), factory.CreateMutex(false)};

@@ -92,8 +92,9 @@ void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     if (code != 0) {
         mutex->Unlock();
         narrator.Check(code == EPERM, "real-time priorities need a right that this process does not have");
-        narrator.Say("Run the tour as root, or allow the user a limit: '@realtime - rtprio 98' in "
-                     "/etc/security/limits.conf.");
+        narrator.Say(
+            "Run the tour as root, or allow the user a limit: '@realtime - rtprio 98' in "
+            "/etc/security/limits.conf.");
         return;
     }
     narrator.Say("A real-time thread of priority 50 now waits for it.");
@@ -106,8 +107,10 @@ void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     mutex->Unlock();
     const int after = KernelPriority();
     pthread_join(realTimeThread, nullptr);
-    narrator.Check(boosted == -51, "while it waits, the holder runs with its priority (" + std::to_string(boosted) + ")");
-    narrator.Check(after == before, "after the unlock the holder is a normal thread again (" + std::to_string(after) + ")");
+    narrator.Check(boosted == -51,
+                   "while it waits, the holder runs with its priority (" + std::to_string(boosted) + ")");
+    narrator.Check(after == before,
+                   "after the unlock the holder is a normal thread again (" + std::to_string(after) + ")");
 }
 
 void ShowInterProcessMutex(Narrator& narrator) {
@@ -132,7 +135,8 @@ void ShowInterProcessMutex(Narrator& narrator) {
             shared->mutex.Unlock();
         }
     };
-    narrator.Say("Two processes add 1 to a number in shared memory, each 100000 times, under a mutex that lies beside it.");
+    narrator.Say(
+        "Two processes add 1 to a number in shared memory, each 100000 times, under a mutex that lies beside it.");
     int pipeEnds[2];
     if (pipe(pipeEnds) != 0) {
         narrator.Check(false, "a pipe between the processes could not be had");
@@ -148,7 +152,8 @@ void ShowInterProcessMutex(Narrator& narrator) {
     }
     close(pipeEnds[1]);
     char excluded = 'n';
-    narrator.Check(read(pipeEnds[0], &excluded, 1) == 1 && excluded == 'y', "the child finds the mutex held by its parent");
+    narrator.Check(read(pipeEnds[0], &excluded, 1) == 1 && excluded == 'y',
+                   "the child finds the mutex held by its parent");
     close(pipeEnds[0]);
     shared->mutex.Unlock();
     count();

@@ -1,5 +1,5 @@
-// A tour of the library on the real system: every scene uses one service the way a program would, says in plain words what
-// it does, and checks what it says. The exit code is 0 when everything was as told.
+// A tour of the library on the real system: every scene uses one service the way a program would, says in plain words
+// what it does, and checks what it says. The exit code is 0 when everything was as told.
 
 #include "Narrator.h"
 #include "Scenes.h"

@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <iostream>
 #include <system_error>
 #include <utility>
 
@@ -24,7 +24,7 @@ Child::Child(const std::function<int()>& function) : processId(fork()) {
         try {
             exitCode = function();
         } catch (const std::exception& exception) {
-            std::fprintf(stderr, "child: %s\n", exception.what());
+            std::cerr << "child: " << exception.what() << std::endl;
         }
         _exit(exitCode);
     }

@@ -63,11 +63,17 @@ bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult
     return true;
 }
 
-FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
+FailingAllocation::FailingAllocation(int skip) {
+    allocationsLeft = skip;
+}
 
-FailingAllocation::~FailingAllocation() { allocationsLeft = -1; }
+FailingAllocation::~FailingAllocation() {
+    allocationsLeft = -1;
+}
 
-bool FailingAllocation::Happened() const { return allocationsLeft < 0; }
+bool FailingAllocation::Happened() const {
+    return allocationsLeft < 0;
+}
 
 void ExpectFailures(const std::vector<Failure>& table) {
     for (const Failure& row : table) {
@@ -79,14 +85,15 @@ void ExpectFailures(const std::vector<Failure>& table) {
 
 // The library is a shared object, so these definitions in the executable come before those of the C library. The label
 // gives them the function's name without clashing with its declaration in the system's headers.
-#define INTERCEPT(Result, function, parameters, ...)                                                      \
-    extern "C" Result Intercept_##function parameters __asm__(#function);                                 \
-    extern "C" Result Intercept_##function parameters {                                                   \
-        static const auto next = reinterpret_cast<Result(*) parameters>(dlsym(RTLD_NEXT, #function));     \
-        std::intptr_t result;                                                                             \
-        return FailingCall::Intercepts(#function, result) ? (Result)result : __VA_ARGS__;                 \
+#define INTERCEPT(Result, function, parameters, ...)                                                  \
+    extern "C" Result Intercept_##function parameters __asm__(#function);                             \
+    extern "C" Result Intercept_##function parameters {                                               \
+        static const auto next = reinterpret_cast<Result(*) parameters>(dlsym(RTLD_NEXT, #function)); \
+        std::intptr_t result;                                                                         \
+        return FailingCall::Intercepts(#function, result) ? (Result)result : __VA_ARGS__;             \
     }
 
+// NOLINTBEGIN(performance-no-int-to-ptr): a result to return, whatever its type.
 // clang-format off
 INTERCEPT(int, pthread_mutexattr_init, (pthread_mutexattr_t* a), next(a))
 INTERCEPT(int, pthread_mutexattr_settype, (pthread_mutexattr_t* a, int b), next(a, b))
@@ -109,11 +116,14 @@ INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))
 INTERCEPT(int, dladdr, (const void* a, Dl_info* b), next(a, b))
 INTERCEPT(char*, __cxa_demangle, (const char* a, char* b, std::size_t* c, int* d), next(a, b, c, d))
 // clang-format on
+// NOLINTEND(performance-no-int-to-ptr)
 
+// NOLINTNEXTLINE(misc-new-delete-overloads): the memory comes from the next one, so it is freed by the usual one.
 void* operator new(std::size_t size) {
     if (allocationsLeft >= 0 && allocationsLeft-- == 0) {
         throw std::bad_alloc();
     }
-    static const auto next = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, sizeof(size) == 8 ? "_Znwm" : "_Znwj"));
+    static const auto next =
+        reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, sizeof(size) == 8 ? "_Znwm" : "_Znwj"));
     return next(size);
 }

@@ -6,8 +6,8 @@
 #include <vector>
 
 /// While it lives, one call that this thread makes of a C-library function, also from inside the library under test,
-/// does not reach the function but returns `result` and leaves `errnoAfter` in errno. A call that reports failures by its
-/// result gets a decoy as `errnoAfter`: a mix-up of the two shows in the message. Only functions listed in
+/// does not reach the function but returns `result` and leaves `errnoAfter` in errno. A call that reports failures by
+/// its result gets a decoy as `errnoAfter`: a mix-up of the two shows in the message. Only functions listed in
 /// FailingCall.cpp can be made to fail. At the end, a call that was never made fails the test.
 class FailingCall {
 public:

@@ -4,6 +4,8 @@ namespace Kel::System::Ve::Exceptions {
 
 AccessDeniedException::~AccessDeniedException() = default;
 
-std::int32_t AccessDeniedException::GetTypeCodeInternal() const { return 260; }
+std::int32_t AccessDeniedException::GetTypeCodeInternal() const {
+    return 260;
+}
 
 }  // namespace Kel::System::Ve::Exceptions

@@ -4,6 +4,8 @@ namespace Kel::System::Ve::Exceptions {
 
 InvalidPathException::~InvalidPathException() = default;
 
-std::int32_t InvalidPathException::GetTypeCodeInternal() const { return 259; }
+std::int32_t InvalidPathException::GetTypeCodeInternal() const {
+    return 259;
+}
 
 }  // namespace Kel::System::Ve::Exceptions

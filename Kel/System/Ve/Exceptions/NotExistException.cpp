@@ -4,6 +4,8 @@ namespace Kel::System::Ve::Exceptions {
 
 NotExistException::~NotExistException() = default;
 
-std::int32_t NotExistException::GetTypeCodeInternal() const { return 257; }
+std::int32_t NotExistException::GetTypeCodeInternal() const {
+    return 257;
+}
 
 }  // namespace Kel::System::Ve::Exceptions

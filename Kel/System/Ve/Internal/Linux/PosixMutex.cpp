@@ -16,22 +16,20 @@ void PosixMutex::Init(bool recursive, int processShared) {
         pthread_mutexattr_settype(&attributes, recursive ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_NORMAL),
         "{0}: Could not set the mutex type: {1}");
     CheckReturnedCode(pthread_mutexattr_setpshared(&attributes, processShared),
-                                   "{0}: Could not set shared-flag on mutex attribute: {1}");
+                      "{0}: Could not set shared-flag on mutex attribute: {1}");
     CheckReturnedCode(pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT),
-                                   "{0}: Could not update the protocol information for the mutex: {1}");
+                      "{0}: Could not update the protocol information for the mutex: {1}");
     CheckReturnedCode(pthread_mutex_init(&mutex, &attributes), "{0}: Mutex could not be initiated: {1}");
 }
 
 void PosixMutex::Destroy() {
-    CheckReturnedCode(pthread_mutexattr_destroy(&attributes),
-                                   "{0}: Could not destroy mutex attribute: {1}");
+    CheckReturnedCode(pthread_mutexattr_destroy(&attributes), "{0}: Could not destroy mutex attribute: {1}");
     CheckReturnedCode(pthread_mutex_destroy(&mutex), "{0}: Mutex could not be destroyed: {1}");
 }
 
 bool PosixMutex::IsRecursive() const {
     int type = 0;
-    CheckReturnedCode(pthread_mutexattr_gettype(&attributes, &type),
-                                   "{0}: Could not query mutex type: {1}");
+    CheckReturnedCode(pthread_mutexattr_gettype(&attributes, &type), "{0}: Could not query mutex type: {1}");
     return type == PTHREAD_MUTEX_RECURSIVE;
 }
 
