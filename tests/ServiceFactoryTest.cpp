@@ -5,6 +5,7 @@
 
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/IMutexService.h>
+#include <Kel/System/Ve/Internal/Linux/LinuxServiceFactory.h>
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 #include <Kel/System/Ve/Internal/ServiceObjectBase.h>
 
@@ -28,6 +29,7 @@ using Kel::System::Ve::ServiceType;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::ServiceObjectBase;
+using Kel::System::Ve::Internal::Linux::LinuxServiceFactory;
 
 namespace {
 
@@ -125,11 +127,8 @@ TEST_F(NoFactoryTest, AllocationsThatFailLeaveNothingBehind) {
 }
 
 TEST_F(NoFactoryTest, FactoryWithoutItsMutexRegistersNothing) {
-    class HostFactory : public ServiceFactory {
-        IMutexService* CreateMutex(bool) override { return nullptr; }
-    };
     TestService service(ServiceType::Thread, false);
-    alignas(HostFactory) std::byte storage[sizeof(HostFactory)];
+    alignas(LinuxServiceFactory) std::byte storage[sizeof(LinuxServiceFactory)];
     const FailingCall call("pthread_mutexattr_init", [&] {
         auto* const unfinished = reinterpret_cast<ServiceFactory*>(storage);
         EXPECT_TRUE(Throws<VeException>([&] { unfinished->RegisterServiceObject(&service); },
@@ -137,7 +136,7 @@ TEST_F(NoFactoryTest, FactoryWithoutItsMutexRegistersNothing) {
         EXPECT_TRUE(Throws<VeException>([&] { unfinished->ReleaseServiceObject(nullptr); },
                                         "ReleaseServiceObject: Mutex not initialized yet."));
     });
-    (new (storage) HostFactory)->~HostFactory();
+    (new (storage) LinuxServiceFactory)->~LinuxServiceFactory();
 }
 
 TEST_F(ServiceFactoryTest, KnowsItsVersion) {

@@ -32,6 +32,9 @@ public:
     bool TryLock() override;
     void Unlock() override;
 
+    /// For calls that wait with the mutex.
+    pthread_mutex_t* GetNativeHandle() { return mutex.GetNativeHandle(); }
+
 private:
     // Zero, the form of a free mutex, until it is initialised.
     PosixMutex mutex{};

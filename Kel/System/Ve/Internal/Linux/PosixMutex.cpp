@@ -1,14 +1,11 @@
 #include <Kel/System/Ve/Internal/Linux/PosixMutex.h>
 
-#include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/Linux/SystemCall.h>
 #include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
 
 #include <cerrno>
 
 namespace Kel::System::Ve::Internal::Linux {
-
-using Exceptions::VeException;
 
 void PosixMutex::Init(bool recursive, int processShared) {
     CheckReturnedCode(pthread_mutexattr_init(&attributes), "{0}: Could not initialize mutex attribute: {1}");
@@ -48,7 +45,7 @@ int PosixMutex::TimedLock(unsigned int timeoutMs) {
         return -1;
     }
     // The text is that of errno, which the call leaves alone.
-    throw VeException("{0}: Mutex could not be timelocked: {1}", "TimedLock", ErrorText(errno));
+    ThrowFailure(errno, "{0}: Mutex could not be timelocked: {1}");
 }
 
 bool PosixMutex::TryLock() {
@@ -60,7 +57,7 @@ bool PosixMutex::TryLock() {
         return false;
     }
     // The text is that of errno, which the call leaves alone.
-    throw VeException("{0}: Mutex could not be trylocked: {1}", "TryLock", ErrorText(errno));
+    ThrowFailure(errno, "{0}: Mutex could not be trylocked: {1}");
 }
 
 void PosixMutex::Unlock() {

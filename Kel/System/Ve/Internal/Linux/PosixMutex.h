@@ -22,6 +22,9 @@ public:
     bool TryLock();
     void Unlock();
 
+    /// For calls that wait with the mutex.
+    pthread_mutex_t* GetNativeHandle() { return &mutex; }
+
 private:
     pthread_mutex_t mutex;
     // Kept for as long as the mutex, for the type is read back from it.

@@ -1,0 +1,194 @@
+#include <Kel/System/Ve/Internal/Linux/PosixThread.h>
+
+#include <Kel/Core/CancellationDisabled.h>
+#include <Kel/System/Ve/Internal/Linux/CpuSet.h>
+#include <Kel/System/Ve/Internal/Linux/PosixMutex.h>
+#include <Kel/System/Ve/Internal/MutexGuard.h>
+
+#include <sched.h>
+
+#include <cerrno>
+
+namespace Kel::System::Ve::Internal::Linux {
+
+struct PosixThread::State {
+    State() { lock.Init(false, PTHREAD_PROCESS_PRIVATE); }
+    ~State() { lock.Destroy(); }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    // Guards all that follows.
+    PosixMutex lock;
+    pthread_cond_t joinEnded = PTHREAD_COND_INITIALIZER;
+    // 0 when there is none that has not been joined.
+    pthread_t thread{};
+    // Counts the threads, for those that outlive their turn.
+    unsigned int generation = 0;
+    // A thread takes the lock to clear this at its end: whoever holds the lock and sees it set has a handle that is good.
+    bool running = false;
+    bool returned = false;
+    bool joining = false;
+};
+
+struct PosixThread::Launch {
+    std::shared_ptr<State> state;
+    unsigned int generation;
+    void* (*function)(void*);
+    void* argument;
+};
+
+// The end of a thread, also when it is cancelled.
+class PosixThread::End {
+public:
+    explicit End(const Launch& endingLaunch) : launch(endingLaunch) {}
+    ~End() {
+        const CancellationDisabled disabled;
+        State& state = *launch.state;
+        const MutexGuard guard(state.lock);
+        if (state.generation == launch.generation) {
+            state.running = false;
+            state.returned = returned;
+        }
+    }
+    End(const End&) = delete;
+    End& operator=(const End&) = delete;
+
+    bool returned = false;
+
+private:
+    const Launch& launch;
+};
+
+// The end of a join, also when the thread that joins is cancelled in it.
+class PosixThread::JoinAttempt {
+public:
+    JoinAttempt(State& joinedState, unsigned int joinedGeneration)
+        : state(joinedState), generation(joinedGeneration) {}
+    ~JoinAttempt() {
+        const MutexGuard guard(state.lock);
+        if (state.generation == generation) {
+            state.joining = false;
+            if (succeeded) {
+                state.thread = 0;
+            }
+            pthread_cond_broadcast(&state.joinEnded);
+        }
+    }
+    JoinAttempt(const JoinAttempt&) = delete;
+    JoinAttempt& operator=(const JoinAttempt&) = delete;
+
+    bool succeeded = false;
+
+private:
+    State& state;
+    const unsigned int generation;
+};
+
+PosixThread::PosixThread() : state(std::make_shared<State>()) {}
+
+PosixThread::~PosixThread() {
+    const CancellationDisabled disabled;
+    if (!IsCurrent()) {
+        Join();
+        return;
+    }
+    const MutexGuard guard(state->lock);
+    if (!state->joining) {
+        pthread_detach(state->thread);
+    }
+}
+
+int PosixThread::Create(const pthread_attr_t& attributes, void* (*function)(void*), void* argument) {
+    auto launch = std::make_unique<Launch>(Launch{state, 0, function, argument});
+    const MutexGuard guard(state->lock);
+    launch->generation = state->generation + 1;
+    pthread_t created{};
+    const int code = pthread_create(&created, &attributes, &Run, launch.get());
+    if (code != 0) {
+        return code;
+    }
+    static_cast<void>(launch.release());
+    if (state->thread != 0 && !state->joining) {
+        pthread_detach(state->thread);
+    }
+    state->thread = created;
+    ++state->generation;
+    state->running = true;
+    state->returned = false;
+    state->joining = false;
+    pthread_cond_broadcast(&state->joinEnded);
+    return 0;
+}
+
+void* PosixThread::Run(void* launchArgument) {
+    const std::unique_ptr<Launch> launch(static_cast<Launch*>(launchArgument));
+    End end(*launch);
+    void* const result = launch->function(launch->argument);
+    end.returned = true;
+    return result;
+}
+
+int PosixThread::Join() {
+    pthread_t thread{};
+    unsigned int generation = 0;
+    {
+        const MutexGuard guard(state->lock);
+        generation = state->generation;
+        while (state->joining && state->generation == generation) {
+            pthread_cond_wait(&state->joinEnded, state->lock.GetNativeHandle());
+        }
+        if (state->thread == 0 || state->generation != generation) {
+            return ESRCH;
+        }
+        state->joining = true;
+        thread = state->thread;
+    }
+    JoinAttempt attempt(*state, generation);
+    const int code = pthread_join(thread, nullptr);
+    attempt.succeeded = code == 0;
+    return code;
+}
+
+int PosixThread::Cancel() {
+    const MutexGuard guard(state->lock);
+    if (state->thread == 0) {
+        return ESRCH;
+    }
+    return state->running ? pthread_cancel(state->thread) : 0;
+}
+
+template <typename Call>
+int PosixThread::WhileRunning(Call call) const {
+    const MutexGuard guard(state->lock);
+    return state->running ? call(state->thread) : ESRCH;
+}
+
+int PosixThread::SetName(const char* name) {
+    return WhileRunning([=](pthread_t thread) { return pthread_setname_np(thread, name); });
+}
+
+int PosixThread::SetPriority(unsigned int priority) {
+    return WhileRunning([=](pthread_t thread) {
+        const sched_param parameters{static_cast<int>(priority)};
+        return pthread_setschedparam(thread, priority != 0 ? SCHED_FIFO : SCHED_OTHER, &parameters);
+    });
+}
+
+int PosixThread::SetAffinity(unsigned int mask) {
+    return WhileRunning([=](pthread_t thread) {
+        const cpu_set_t processors = CpuSetOf(mask);
+        return pthread_setaffinity_np(thread, sizeof processors, &processors);
+    });
+}
+
+bool PosixThread::Joinable() const {
+    const MutexGuard guard(state->lock);
+    return state->thread != 0 && !state->returned;
+}
+
+bool PosixThread::IsCurrent() const {
+    const MutexGuard guard(state->lock);
+    return state->thread != 0 && pthread_equal(state->thread, pthread_self()) != 0;
+}
+
+}  // namespace Kel::System::Ve::Internal::Linux

@@ -1,0 +1,177 @@
+#include <Kel/System/Ve/Internal/Linux/TimerService.h>
+
+#include <Kel/Core/CancellationDisabled.h>
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/Linux/SystemCall.h>
+#include <Kel/System/Ve/Internal/MutexGuard.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+
+namespace Kel::System::Ve::Internal::Linux {
+
+using Exceptions::VeException;
+
+// What a timer's thread works with: all of it as it was at the start.
+struct TimerService::Launch {
+    TimerService& timer;
+    std::shared_ptr<std::atomic<bool>> isRunning;
+    unsigned int period;
+    void (*handler)(void*);
+    void* argument;
+};
+
+namespace {
+
+void RefuseWhenStarted(bool isStarted) {
+    if (isStarted) {
+        throw VeException("{0}: Timer was started yet!", "Start");
+    }
+}
+
+}  // namespace
+
+TimerService::TimerService(unsigned int microseconds, const BasicString& timerName, unsigned int timerPriority,
+                           unsigned int affinityMask)
+    : ServiceObjectBase("TimerService", ServiceType::Timer, true), TimerServiceBase(microseconds) {
+    mutex.Init(false, MutexService::ProcessPrivate);
+    SetName(timerName);
+    SetPriority(timerPriority);
+    SetCPUAffinity(affinityMask);
+}
+
+TimerService::~TimerService() {
+    const CancellationDisabled disabled;
+    EndThread();
+}
+
+void TimerService::SetLatencyTarget() {
+    errno = 0;
+    const int descriptor = open("/dev/cpu_dma_latency", O_RDWR | O_CLOEXEC);
+    CheckErrno(descriptor, "{0}: Could not open /dev/cpu_dma_latency: {1}");
+    errno = 0;
+    const std::int32_t microseconds = 0;
+    if (write(descriptor, &microseconds, sizeof microseconds) > 0) {
+        // Left open: the kernel keeps the request for as long.
+        return;
+    }
+    const int errorNumber = errno;
+    close(descriptor);
+    ThrowFailure(errorNumber, "{0}: Could not write 0 cpu_dma latency: {1}");
+}
+
+void TimerService::Start() {
+    RefuseWhenStarted(isStarted);
+    // One that was stopped by its own handler, or that runs on after a start that failed.
+    EndThread();
+
+    // The results are not looked at: what does not come through shows when the thread is made.
+    pthread_attr_t attributes{};
+    sched_param parameters{};
+    pthread_attr_init(&attributes);
+    pthread_attr_getschedparam(&attributes, &parameters);
+    parameters.sched_priority = static_cast<int>(GetPriority());
+    pthread_attr_setschedpolicy(&attributes, GetPriority() != 0 ? SCHED_FIFO : SCHED_OTHER);
+    pthread_attr_setschedparam(&attributes, &parameters);
+    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+
+    auto launch = std::make_unique<Launch>(
+        Launch{*this, std::make_shared<std::atomic<bool>>(true), GetPeriod(), handler, handlerArgument});
+    // The thread takes it first of all: its handler is not called before the start has ended, one way or the other.
+    const MutexGuard untilTheEndOfTheStart(mutex);
+    RefuseWhenStarted(isStarted);
+    CheckReturnedCode(timerThread.Create(attributes, &TimerThreadRun, launch.get()),
+                      "{0}: Could not create posix-thread for timer, linux error code: {1}");
+    isRunning = launch->isRunning;
+    static_cast<void>(launch.release());
+    pthread_attr_destroy(&attributes);
+    ChangeName(GetName());
+    if (GetCPUAffinity() != 0) {
+        ChangeCpuAffinity(GetCPUAffinity());
+    }
+    isStarted = true;
+}
+
+void TimerService::Stop() {
+    if (!isStarted) {
+        return;
+    }
+    const std::shared_ptr<std::atomic<bool>> stopped = EndThread();
+    const MutexGuard guard(mutex);
+    // Unless another thread has stopped it, too, and started it again.
+    if (isRunning == stopped) {
+        isStarted = false;
+    }
+}
+
+std::shared_ptr<std::atomic<bool>> TimerService::EndThread() {
+    std::shared_ptr<std::atomic<bool>> ended;
+    {
+        const MutexGuard guard(mutex);
+        ended = isRunning;
+        if (ended) {
+            *ended = false;
+            conditionVariable.NotifyOne();
+        }
+    }
+    // The handler's own call cannot wait for itself.
+    if (!timerThread.IsCurrent()) {
+        timerThread.Join();
+    }
+    return ended;
+}
+
+void* TimerService::TimerThreadRun(void* launchArgument) {
+    const std::unique_ptr<Launch> launch(static_cast<Launch*>(launchArgument));
+    launch->timer.Run(*launch);
+    return nullptr;
+}
+
+void TimerService::Run(const Launch& launch) {
+    { const MutexGuard untilTheEndOfTheStart(mutex); }
+
+    const std::int64_t nanoseconds = std::int64_t{launch.period} * 1000;
+    const timespec step{static_cast<time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    while (*launch.isRunning) {
+        if (launch.handler != nullptr) {
+            launch.handler(launch.argument);
+            // It may have deleted the timer.
+            if (!*launch.isRunning) {
+                return;
+            }
+        }
+        deadline.tv_sec += step.tv_sec;
+        deadline.tv_nsec += step.tv_nsec;
+        if (deadline.tv_nsec > 999999999) {
+            deadline.tv_nsec -= 1000000000;
+            ++deadline.tv_sec;
+        }
+        const MutexGuard guard(mutex);
+        // Looked at under the mutex, so that no stop is missed; and again when woken before the deadline without one.
+        while (*launch.isRunning && conditionVariable.WaitUntilInternal(mutex, deadline)) {
+        }
+    }
+}
+
+void TimerService::ChangeName(const BasicString& newName) {
+    CheckReturnedCode(timerThread.SetName(newName.c_str()),
+                      "{0}: Could not set threadname of timer, linux error code: {1}");
+}
+
+void TimerService::ChangePriority(unsigned int newPriority) {
+    CheckReturnedCode(timerThread.SetPriority(newPriority), "{0}: Could not change priority, linux error code: {1}");
+}
+
+void TimerService::ChangeCpuAffinity(unsigned int mask) {
+    CheckReturnedCode(timerThread.SetAffinity(mask), "{0}: Could not set cpu affinity, linux error code: {1}");
+}
+
+}  // namespace Kel::System::Ve::Internal::Linux
