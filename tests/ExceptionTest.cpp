@@ -37,14 +37,10 @@ static_assert(!std::is_constructible_v<BasicString, std::nullptr_t>);
 
 enum class Color : std::uint8_t { Green = 7 };
 
-VeException MakeVeException() {
-    return VeException("outer {0}", "text");
-}
+VeException MakeVeException() { return VeException("outer {0}", "text"); }
 
 // A C++ name that backtraces of this executable show, since it exports its symbols.
-[[gnu::noinline]] BasicString TraceOfThisFunction() {
-    return MakeVeException().GetStackTrace();
-}
+[[gnu::noinline]] BasicString TraceOfThisFunction() { return MakeVeException().GetStackTrace(); }
 
 // A type whose name is not the compiler's.
 class NamedType : public std::type_info {

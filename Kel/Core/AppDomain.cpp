@@ -45,13 +45,9 @@ bool AppDomain::TypeOrder::operator()(std::type_index left, std::type_index righ
     return order != 0 ? order < 0 : left != right && std::less<>()(left.name(), right.name());
 }
 
-AppDomain::AppDomain() {
-    Check(pthread_rwlock_init(&lock, nullptr));
-}
+AppDomain::AppDomain() { Check(pthread_rwlock_init(&lock, nullptr)); }
 
-AppDomain::~AppDomain() {
-    pthread_rwlock_destroy(&lock);
-}
+AppDomain::~AppDomain() { pthread_rwlock_destroy(&lock); }
 
 void* AppDomain::Find(std::type_index type) const {
     const Locked locked = LockForReading(lock);

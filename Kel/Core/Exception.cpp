@@ -27,16 +27,10 @@ BasicString Exception::Format(int indent, bool withInner) const {
     return text;
 }
 
-std::int32_t Exception::GetTypeCodeInternal() const {
-    return 0;
-}
+std::int32_t Exception::GetTypeCodeInternal() const { return 0; }
 
-BasicString Exception::ToString() const {
-    return Format(0, true);
-}
+BasicString Exception::ToString() const { return Format(0, true); }
 
-const char* Exception::what() const noexcept {
-    return message.c_str();
-}
+const char* Exception::what() const noexcept { return message.c_str(); }
 
 }  // namespace Kel

@@ -7,6 +7,9 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
+#include <sys/types.h>
 #include <time.h>
 
 #include <algorithm>
@@ -18,7 +21,16 @@
 namespace {
 
 thread_local FailingCall* armedCall = nullptr;
+std::atomic<FailingCall*> armedCallOfAnyThread{nullptr};
+std::atomic<long> wallClockJump{0};
 thread_local int allocationsLeft = -1;
+
+int Jump(clockid_t clock, timespec* time, int result) {
+    if (clock == CLOCK_REALTIME && result == 0) {
+        time->tv_sec += wallClockJump;
+    }
+    return result;
+}
 
 // A backtrace from `caller` outwards, without the frames of those that intercept it: we, and sanitizers.
 int StartingAt(const void* caller, void** addresses, int count) {
@@ -42,17 +54,28 @@ FailingCall::FailingCall(const char* functionName, std::function<void()> callHoo
     armedCall = this;
 }
 
+FailingCall& FailingCall::InAnyThread() {
+    armedCall = nullptr;
+    armedCallOfAnyThread = this;
+    return *this;
+}
+
 FailingCall::~FailingCall() {
     armedCall = nullptr;
+    armedCallOfAnyThread = nullptr;
     EXPECT_TRUE(happened) << function << " was not called";
 }
 
 bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult) {
-    FailingCall* const call = armedCall;
+    FailingCall* call = armedCall != nullptr ? armedCall : armedCallOfAnyThread.load();
     if (call == nullptr || std::strcmp(call->function, functionName) != 0 || call->skip-- > 0) {
         return false;
     }
-    armedCall = nullptr;
+    if (call == armedCall) {
+        armedCall = nullptr;
+    } else if (!armedCallOfAnyThread.compare_exchange_strong(call, nullptr)) {
+        return false;
+    }
     call->happened = true;
     if (call->hook) {
         call->hook();
@@ -63,17 +86,15 @@ bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult
     return true;
 }
 
-FailingAllocation::FailingAllocation(int skip) {
-    allocationsLeft = skip;
-}
+WallClockJump::WallClockJump(long seconds) { wallClockJump = seconds; }
 
-FailingAllocation::~FailingAllocation() {
-    allocationsLeft = -1;
-}
+WallClockJump::~WallClockJump() { wallClockJump = 0; }
 
-bool FailingAllocation::Happened() const {
-    return allocationsLeft < 0;
-}
+FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
+
+FailingAllocation::~FailingAllocation() { allocationsLeft = -1; }
+
+bool FailingAllocation::Happened() const { return allocationsLeft < 0; }
 
 void ExpectFailures(const std::vector<Failure>& table) {
     for (const Failure& row : table) {
@@ -110,7 +131,51 @@ INTERCEPT(int, pthread_mutex_destroy, (pthread_mutex_t* a), next(a))
 INTERCEPT(int, pthread_rwlock_init, (pthread_rwlock_t* a, const pthread_rwlockattr_t* b), next(a, b))
 INTERCEPT(int, pthread_rwlock_rdlock, (pthread_rwlock_t* a), next(a))
 INTERCEPT(int, pthread_rwlock_wrlock, (pthread_rwlock_t* a), next(a))
-INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), next(a, b))
+INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), Jump(a, b, next(a, b)))
+INTERCEPT(int, pthread_rwlock_tryrdlock, (pthread_rwlock_t* a), next(a))
+INTERCEPT(int, pthread_rwlock_trywrlock, (pthread_rwlock_t* a), next(a))
+INTERCEPT(int, pthread_rwlock_timedrdlock, (pthread_rwlock_t* a, const timespec* b), next(a, b))
+INTERCEPT(int, pthread_rwlock_timedwrlock, (pthread_rwlock_t* a, const timespec* b), next(a, b))
+INTERCEPT(int, pthread_rwlock_unlock, (pthread_rwlock_t* a), next(a))
+INTERCEPT(int, pthread_rwlock_destroy, (pthread_rwlock_t* a), next(a))
+INTERCEPT(int, pthread_condattr_init, (pthread_condattr_t* a), next(a))
+INTERCEPT(int, pthread_condattr_setclock, (pthread_condattr_t* a, clockid_t b), next(a, b))
+INTERCEPT(int, pthread_condattr_setpshared, (pthread_condattr_t* a, int b), next(a, b))
+INTERCEPT(int, pthread_condattr_destroy, (pthread_condattr_t* a), next(a))
+INTERCEPT(int, pthread_cond_init, (pthread_cond_t* a, const pthread_condattr_t* b), next(a, b))
+INTERCEPT(int, pthread_cond_signal, (pthread_cond_t* a), next(a))
+INTERCEPT(int, pthread_cond_broadcast, (pthread_cond_t* a), next(a))
+INTERCEPT(int, pthread_cond_wait, (pthread_cond_t* a, pthread_mutex_t* b), next(a, b))
+INTERCEPT(int, pthread_cond_timedwait, (pthread_cond_t* a, pthread_mutex_t* b, const timespec* c), next(a, b, c))
+INTERCEPT(int, pthread_cond_destroy, (pthread_cond_t* a), next(a))
+INTERCEPT(int, sem_init, (sem_t* a, int b, unsigned int c), next(a, b, c))
+INTERCEPT(sem_t*, sem_open, (const char* a, int b, mode_t c, unsigned int d), next(a, b, c, d))
+INTERCEPT(int, sem_close, (sem_t* a), next(a))
+INTERCEPT(int, sem_unlink, (const char* a), next(a))
+INTERCEPT(int, sem_destroy, (sem_t* a), next(a))
+INTERCEPT(int, sem_post, (sem_t* a), next(a))
+INTERCEPT(int, sem_wait, (sem_t* a), next(a))
+INTERCEPT(int, sem_timedwait, (sem_t* a, const timespec* b), next(a, b))
+INTERCEPT(int, sem_trywait, (sem_t* a), next(a))
+INTERCEPT(int, sem_getvalue, (sem_t* a, int* b), next(a, b))
+INTERCEPT(int, pthread_attr_init, (pthread_attr_t* a), next(a))
+INTERCEPT(int, pthread_attr_getschedparam, (const pthread_attr_t* a, sched_param* b), next(a, b))
+INTERCEPT(int, pthread_attr_setschedpolicy, (pthread_attr_t* a, int b), next(a, b))
+INTERCEPT(int, pthread_attr_setschedparam, (pthread_attr_t* a, const sched_param* b), next(a, b))
+INTERCEPT(int, pthread_attr_setinheritsched, (pthread_attr_t* a, int b), next(a, b))
+INTERCEPT(int, pthread_attr_setstacksize, (pthread_attr_t* a, std::size_t b), next(a, b))
+INTERCEPT(int, pthread_attr_setaffinity_np, (pthread_attr_t* a, std::size_t b, const cpu_set_t* c), next(a, b, c))
+INTERCEPT(int, pthread_attr_destroy, (pthread_attr_t* a), next(a))
+INTERCEPT(int, pthread_create, (pthread_t* a, const pthread_attr_t* b, void* (*c)(void*), void* d), next(a, b, c, d))
+INTERCEPT(int, pthread_join, (pthread_t a, void** b), next(a, b))
+INTERCEPT(int, pthread_cancel, (pthread_t a), next(a))
+INTERCEPT(int, pthread_setcanceltype, (int a, int* b), next(a, b))
+INTERCEPT(int, pthread_setname_np, (pthread_t a, const char* b), next(a, b))
+INTERCEPT(int, pthread_setschedparam, (pthread_t a, int b, const sched_param* c), next(a, b, c))
+INTERCEPT(int, pthread_setaffinity_np, (pthread_t a, std::size_t b, const cpu_set_t* c), next(a, b, c))
+INTERCEPT(int, nanosleep, (const timespec* a, timespec* b), next(a, b))
+INTERCEPT(int, open, (const char* a, int b, mode_t c), next(a, b, c))
+INTERCEPT(ssize_t, write, (int a, const void* b, std::size_t c), next(a, b, c))
 INTERCEPT(int, backtrace, (void** a, int b), StartingAt(__builtin_return_address(0), a, next(a, b)))
 INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))
 INTERCEPT(int, dladdr, (const void* a, Dl_info* b), next(a, b))

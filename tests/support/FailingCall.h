@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -17,12 +18,13 @@ public:
     /// The call goes through, but runs `hook` before.
     FailingCall(const char* function, std::function<void()> hook);
 
+    /// Makes it the call of whichever thread comes first.
+    FailingCall& InAnyThread();
+
     ~FailingCall();
 
     FailingCall(const FailingCall&) = delete;
     FailingCall& operator=(const FailingCall&) = delete;
-
-    bool Happened() const { return happened; }
 
     /// For the intercepting functions: true when this call is to return `result`.
     static bool Intercepts(const char* function, std::intptr_t& result);
@@ -33,7 +35,17 @@ private:
     int errnoAfter;
     int skip;
     std::function<void()> hook;
-    bool happened = false;
+    std::atomic<bool> happened{false};
+};
+
+/// While it lives, the realtime clock is ahead by that many seconds, as far as clock_gettime tells.
+class WallClockJump {
+public:
+    explicit WallClockJump(long seconds);
+    ~WallClockJump();
+
+    WallClockJump(const WallClockJump&) = delete;
+    WallClockJump& operator=(const WallClockJump&) = delete;
 };
 
 /// Fails the `skip`+1st allocation with std::bad_alloc; one that was never made does not fail the test.

@@ -9,9 +9,9 @@
 namespace Kel::System::Ve {
 
 /// A condition variable for the threads of one process. It measures time on the monotonic clock, so setting the wall
-/// clock neither lengthens nor shortens a wait. A thread that waits holds the mutex, releases it while it waits, and holds
-/// it again afterwards, whatever the outcome. A wait may end without reason: test what was waited for, and wait again.
-/// Waits are cancellation points.
+/// clock neither lengthens nor shortens a wait. A thread that waits holds the mutex, releases it while it waits, and
+/// holds it again afterwards, whatever the outcome. A wait may end without reason: test what was waited for, and wait
+/// again. Waits are cancellation points.
 class KEL_API ICondVariableService : public virtual IServiceObject {
 public:
     using SteadyTimePoint = std::chrono::time_point<std::chrono::steady_clock, std::chrono::nanoseconds>;
@@ -21,8 +21,8 @@ public:
     /// Throws VeException when the wait fails.
     virtual void Wait(IMutexService& mutex) = 0;
 
-    /// As `Wait`, for no longer than `timeoutMs` milliseconds (0: do not wait). Returns true when notified, false when the
-    /// time ran out (pthread_cond_timedwait).
+    /// As `Wait`, for no longer than `timeoutMs` milliseconds (0: do not wait). Returns true when notified, false when
+    /// the time ran out (pthread_cond_timedwait).
     virtual bool WaitFor(IMutexService& mutex, unsigned long timeoutMs) = 0;
 
     /// As `WaitFor`, until `deadline`; a deadline in the past returns false.

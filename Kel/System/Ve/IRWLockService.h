@@ -5,8 +5,8 @@
 
 namespace Kel::System::Ve {
 
-/// A lock for the threads of one process that many readers or one writer can hold. All operations may be called from any
-/// thread. A reader may acquire again; a writer that acquires again, in either mode, gets an exception (EDEADLK).
+/// A lock for the threads of one process that many readers or one writer can hold. All operations may be called from
+/// any thread. A reader may acquire again; a writer that acquires again, in either mode, gets an exception (EDEADLK).
 /// Priorities are not inherited. What fails throws VeException.
 class KEL_API IRWLockService : public virtual IServiceObject {
 public:

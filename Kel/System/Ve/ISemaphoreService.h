@@ -6,9 +6,9 @@
 
 namespace Kel::System::Ve {
 
-/// A counting semaphore, either unnamed, for the threads of one process, or named, for all processes that know the name.
-/// Whoever creates a named semaphore removes the name when deleting the object; those who have opened it go on using it.
-/// All operations may be called from any thread. What fails throws VeException.
+/// A counting semaphore, either unnamed, for the threads of one process, or named, for all processes that know the
+/// name. Whoever creates a named semaphore removes the name when deleting the object; those who have opened it go on
+/// using it. All operations may be called from any thread. What fails throws VeException.
 class KEL_API ISemaphoreService : public virtual IServiceObject {
 public:
     /// Returns the name; empty for an unnamed semaphore.
@@ -17,9 +17,9 @@ public:
     /// Adds one, and wakes one of those that wait (sem_post).
     virtual void Post() = 0;
 
-    /// Waits until the count is above zero and takes one. `timeoutMs` is the limit in milliseconds, on the realtime clock;
-    /// 0 waits without limit (sem_wait, sem_timedwait). Returns true when one was taken, false when the time ran out.
-    /// Throws VeException also when a signal handler interrupts the wait. A cancellation point.
+    /// Waits until the count is above zero and takes one. `timeoutMs` is the limit in milliseconds, on the realtime
+    /// clock; 0 waits without limit (sem_wait, sem_timedwait). Returns true when one was taken, false when the time ran
+    /// out. Throws VeException also when a signal handler interrupts the wait. A cancellation point.
     virtual bool Wait(unsigned int timeoutMs) = 0;
 
     /// Takes one if the count is above zero; returns false otherwise (sem_trywait).

@@ -6,15 +6,15 @@
 
 namespace Kel::System::Ve {
 
-/// A thread that runs a function with one argument. Its settings are stored until it is started, applied at the start, and
-/// changed in the running thread when set later. What fails throws VeException; a setting that could not be changed keeps
-/// its stored value. Deleting the object waits until the thread has ended. Settings are not guarded against being set by
-/// several threads at once.
+/// A thread that runs a function with one argument. Its settings are stored until it is started, applied at the start,
+/// and changed in the running thread when set later. What fails throws VeException; a setting that could not be changed
+/// keeps its stored value. Deleting the object waits until the thread has ended. Settings are not guarded against being
+/// set by several threads at once.
 class KEL_API IThreadService : public virtual IServiceObject {
 public:
     /// Starts the thread (pthread_create) and returns once it has named itself and is about to call the function. A
-    /// real-time priority needs the right to it; without, this throws, and nothing has been started. May be called again:
-    /// the object then stands for the new thread, and one that still runs is left to itself.
+    /// real-time priority needs the right to it; without, this throws, and nothing has been started. May be called
+    /// again: the object then stands for the new thread, and one that still runs is left to itself.
     virtual void StartThread() = 0;
 
     /// Returns the processors that the thread may run on, bit n for processor n; 0 when none were set.

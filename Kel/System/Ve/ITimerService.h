@@ -6,10 +6,10 @@
 
 namespace Kel::System::Ve {
 
-/// Calls a handler with one argument periodically, on a thread of its own. The deadlines are the start plus whole periods
-/// on the monotonic clock, so the rhythm does not drift. A handler that takes longer than the period is called again at
-/// once until the missed calls are made up. What fails throws VeException; a setting that could not be changed keeps its
-/// stored value. An exception from the handler ends the process. Deleting the object stops the timer.
+/// Calls a handler with one argument periodically, on a thread of its own. The deadlines are the start plus whole
+/// periods on the monotonic clock, so the rhythm does not drift. A handler that takes longer than the period is called
+/// again at once until the missed calls are made up. What fails throws VeException; a setting that could not be changed
+/// keeps its stored value. An exception from the handler ends the process. Deleting the object stops the timer.
 class KEL_API ITimerService : public virtual IServiceObject {
 public:
     /// Returns the period in microseconds.
@@ -49,8 +49,8 @@ public:
     /// again or deleted. Throws when the timer has been started already.
     virtual void Start() = 0;
 
-    /// Stops the timer: returns when the handler call in progress has ended, and no other follows. Does nothing when the
-    /// timer is not started. Called by the handler itself it returns at once, and the handler is not called again.
+    /// Stops the timer: returns when the handler call in progress has ended, and no other follows. Does nothing when
+    /// the timer is not started. Called by the handler itself it returns at once, and the handler is not called again.
     virtual void Stop() = 0;
 };
 

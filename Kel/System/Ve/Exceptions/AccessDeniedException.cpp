@@ -4,8 +4,6 @@ namespace Kel::System::Ve::Exceptions {
 
 AccessDeniedException::~AccessDeniedException() = default;
 
-std::int32_t AccessDeniedException::GetTypeCodeInternal() const {
-    return 260;
-}
+std::int32_t AccessDeniedException::GetTypeCodeInternal() const { return 260; }
 
 }  // namespace Kel::System::Ve::Exceptions

@@ -4,8 +4,6 @@ namespace Kel::System::Ve::Exceptions {
 
 InvalidPathException::~InvalidPathException() = default;
 
-std::int32_t InvalidPathException::GetTypeCodeInternal() const {
-    return 259;
-}
+std::int32_t InvalidPathException::GetTypeCodeInternal() const { return 259; }
 
 }  // namespace Kel::System::Ve::Exceptions

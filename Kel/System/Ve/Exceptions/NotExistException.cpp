@@ -4,8 +4,6 @@ namespace Kel::System::Ve::Exceptions {
 
 NotExistException::~NotExistException() = default;
 
-std::int32_t NotExistException::GetTypeCodeInternal() const {
-    return 257;
-}
+std::int32_t NotExistException::GetTypeCodeInternal() const { return 257; }
 
 }  // namespace Kel::System::Ve::Exceptions

@@ -26,9 +26,7 @@ BasicString VeException::Format(int /*indent*/, bool withInner) const {
     return text;
 }
 
-std::int32_t VeException::GetTypeCodeInternal() const {
-    return 256;
-}
+std::int32_t VeException::GetTypeCodeInternal() const { return 256; }
 
 // Never inlined: the first frame that is captured, and left out, must be this function's own.
 [[gnu::noinline]] BasicString VeException::CreateStackTrace() {

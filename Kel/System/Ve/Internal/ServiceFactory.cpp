@@ -19,9 +19,7 @@ using Exceptions::VeException;
 
 namespace {
 
-BasicString TypeName() {
-    return RuntimeTypeInfo::GetTypeName(typeid(ServiceFactory));
-}
+BasicString TypeName() { return RuntimeTypeInfo::GetTypeName(typeid(ServiceFactory)); }
 
 // Apart from standard output, so that a type without a name does not leave that in a failed state.
 std::string TypeText(ServiceType type) {
@@ -64,9 +62,7 @@ ServiceFactory::ServiceFactory() : version("2024.0.8 LTS", 24, 0, 8, 183, BasicS
     registryMutex = CreateRegistryMutex();
 }
 
-ServiceFactory::~ServiceFactory() {
-    PrintAllNotDestroyedServiceObjects();
-}
+ServiceFactory::~ServiceFactory() { PrintAllNotDestroyedServiceObjects(); }
 
 void ServiceFactory::RegisterServiceObject(IServiceObject* object) {
     if (!registryMutex) {

@@ -18,12 +18,8 @@ ServiceObjectBase::~ServiceObjectBase() {
     }
 }
 
-const BasicString& ServiceObjectBase::GetServiceName() const {
-    return name;
-}
+const BasicString& ServiceObjectBase::GetServiceName() const { return name; }
 
-ServiceType ServiceObjectBase::GetServiceType() const {
-    return serviceType;
-}
+ServiceType ServiceObjectBase::GetServiceType() const { return serviceType; }
 
 }  // namespace Kel::System::Ve::Internal

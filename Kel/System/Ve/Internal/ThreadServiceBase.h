@@ -9,8 +9,8 @@
 
 namespace Kel::System::Ve::Internal {
 
-/// What the threads of all platforms have in common: the settings and the rules for changing them. The static operations
-/// are the platform's.
+/// What the threads of all platforms have in common: the settings and the rules for changing them. The static
+/// operations are the platform's.
 class KEL_API ThreadServiceBase : public IThreadService, public virtual ServiceObjectBase {
 public:
     /// Suspends the calling thread for that many milliseconds, signals notwithstanding. A cancellation point.

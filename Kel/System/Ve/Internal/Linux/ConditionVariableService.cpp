@@ -50,7 +50,8 @@ bool ConditionVariableService::WaitForInternal(IMutexService& mutex, unsigned lo
 bool ConditionVariableService::WaitUntilInternal(IMutexService& mutex, SteadyTimePoint deadline) {
     // The steady clock is the monotonic one. The system refuses times before its epoch; that is as long past.
     timespec time;
-    TimeoutConversion::NsAbsoluteToTimespec(std::max(deadline.time_since_epoch(), std::chrono::nanoseconds::zero()), time);
+    TimeoutConversion::NsAbsoluteToTimespec(std::max(deadline.time_since_epoch(), std::chrono::nanoseconds::zero()),
+                                            time);
     return WaitUntilInternal(mutex, time);
 }
 

@@ -14,8 +14,8 @@ public:
     ConditionVariableService();
     ~ConditionVariableService() override;
 
-    /// Destroys the condition variable; does nothing the second time. Called by the destructor, where a failure ends the
-    /// process.
+    /// Destroys the condition variable; does nothing the second time. Called by the destructor, where a failure ends
+    /// the process.
     void Destroy();
 
     void NotifyOne() override;

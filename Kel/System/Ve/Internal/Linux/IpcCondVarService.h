@@ -8,8 +8,8 @@
 namespace Kel::System::Ve::Internal::Linux {
 
 /// A condition variable for the threads of several processes, constructed in memory that they share, beside the mutex
-/// that they wait with. Not a service object. Its owner calls `Destroy` once, when no process uses it any more; there is no
-/// destructor. All other operations may be called from any thread of any process, and behave as those of
+/// that they wait with. Not a service object. Its owner calls `Destroy` once, when no process uses it any more; there
+/// is no destructor. All other operations may be called from any thread of any process, and behave as those of
 /// `ICondVariableService`; time is measured on the monotonic clock.
 class KEL_API IpcCondVarService {
 public:

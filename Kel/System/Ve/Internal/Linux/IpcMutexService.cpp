@@ -8,8 +8,6 @@ namespace Kel::System::Ve::Internal::Linux {
 static_assert(std::is_trivially_default_constructible_v<IpcMutexService>);
 static_assert(std::is_standard_layout_v<IpcMutexService>);
 
-void IpcMutexService::Init(bool recursive) {
-    PosixMutex::Init(recursive, PTHREAD_PROCESS_SHARED);
-}
+void IpcMutexService::Init(bool recursive) { PosixMutex::Init(recursive, PTHREAD_PROCESS_SHARED); }
 
 }  // namespace Kel::System::Ve::Internal::Linux

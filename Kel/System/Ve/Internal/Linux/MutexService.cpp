@@ -6,9 +6,7 @@ namespace Kel::System::Ve::Internal::Linux {
 
 MutexService::MutexService(bool registers) : ServiceObjectBase("MutexService", ServiceType::Mutex, registers) {}
 
-MutexService::~MutexService() {
-    Destroy();
-}
+MutexService::~MutexService() { Destroy(); }
 
 void MutexService::Init(bool recursive, Shared shared) {
     mutex.Init(recursive, shared == InterProcess ? PTHREAD_PROCESS_SHARED : PTHREAD_PROCESS_PRIVATE);
@@ -21,24 +19,14 @@ void MutexService::Destroy() {
     }
 }
 
-bool MutexService::IsRecursive() const {
-    return mutex.IsRecursive();
-}
+bool MutexService::IsRecursive() const { return mutex.IsRecursive(); }
 
-void MutexService::Lock() {
-    mutex.Lock();
-}
+void MutexService::Lock() { mutex.Lock(); }
 
-int MutexService::TimedLock(unsigned int timeoutMs) {
-    return mutex.TimedLock(timeoutMs);
-}
+int MutexService::TimedLock(unsigned int timeoutMs) { return mutex.TimedLock(timeoutMs); }
 
-bool MutexService::TryLock() {
-    return mutex.TryLock();
-}
+bool MutexService::TryLock() { return mutex.TryLock(); }
 
-void MutexService::Unlock() {
-    mutex.Unlock();
-}
+void MutexService::Unlock() { mutex.Unlock(); }
 
 }  // namespace Kel::System::Ve::Internal::Linux

@@ -30,9 +30,7 @@ bool PosixMutex::IsRecursive() const {
     return type == PTHREAD_MUTEX_RECURSIVE;
 }
 
-void PosixMutex::Lock() {
-    CheckReturnedCode(pthread_mutex_lock(&mutex), "{0}: Mutex could not be locked: {1}");
-}
+void PosixMutex::Lock() { CheckReturnedCode(pthread_mutex_lock(&mutex), "{0}: Mutex could not be locked: {1}"); }
 
 int PosixMutex::TimedLock(unsigned int timeoutMs) {
     timespec deadline;
@@ -60,8 +58,6 @@ bool PosixMutex::TryLock() {
     ThrowFailure(errno, "{0}: Mutex could not be trylocked: {1}");
 }
 
-void PosixMutex::Unlock() {
-    CheckReturnedCode(pthread_mutex_unlock(&mutex), "{0}: Mutex could not be unlocked: {1}");
-}
+void PosixMutex::Unlock() { CheckReturnedCode(pthread_mutex_unlock(&mutex), "{0}: Mutex could not be unlocked: {1}"); }
 
 }  // namespace Kel::System::Ve::Internal::Linux

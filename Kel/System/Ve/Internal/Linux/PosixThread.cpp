@@ -24,7 +24,8 @@ struct PosixThread::State {
     pthread_t thread{};
     // Counts the threads, for those that outlive their turn.
     unsigned int generation = 0;
-    // A thread takes the lock to clear this at its end: whoever holds the lock and sees it set has a handle that is good.
+    // A thread takes the lock to clear this at its end: whoever holds the lock and sees it set has a handle that is
+    // good.
     bool running = false;
     bool returned = false;
     bool joining = false;
@@ -62,8 +63,7 @@ private:
 // The end of a join, also when the thread that joins is cancelled in it.
 class PosixThread::JoinAttempt {
 public:
-    JoinAttempt(State& joinedState, unsigned int joinedGeneration)
-        : state(joinedState), generation(joinedGeneration) {}
+    JoinAttempt(State& joinedState, unsigned int joinedGeneration) : state(joinedState), generation(joinedGeneration) {}
     ~JoinAttempt() {
         const MutexGuard guard(state.lock);
         if (state.generation == generation) {

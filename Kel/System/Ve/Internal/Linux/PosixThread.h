@@ -8,9 +8,9 @@
 
 namespace Kel::System::Ve::Internal::Linux {
 
-/// A POSIX thread as threads and timers need it. The C library crashes, or acts on a foreign thread, when it is given the
-/// handle of a thread that was never started, has been joined or, in some calls, has just ended: this class never does
-/// that. Operations return 0 or the number of an error, ESRCH when there is no thread. They may be called from any
+/// A POSIX thread as threads and timers need it. The C library crashes, or acts on a foreign thread, when it is given
+/// the handle of a thread that was never started, has been joined or, in some calls, has just ended: this class never
+/// does that. Operations return 0 or the number of an error, ESRCH when there is no thread. They may be called from any
 /// thread, the thread itself included.
 class KEL_API PosixThread {
 public:

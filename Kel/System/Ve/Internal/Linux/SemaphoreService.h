@@ -37,7 +37,8 @@ public:
 
     /// Closes a named semaphore. Does nothing when there is none any more.
     void Close();
-    /// Removes the name; those who have the semaphore open keep it, but this object does not. Does nothing without a name.
+    /// Removes the name; those who have the semaphore open keep it, but this object does not. Does nothing without a
+    /// name.
     void Unlink();
     /// Destroys an unnamed semaphore. Does nothing when there is none any more.
     void Destroy();

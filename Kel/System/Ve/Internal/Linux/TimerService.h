@@ -20,8 +20,8 @@ public:
                  unsigned int affinityMask);
     ~TimerService() override;
 
-    /// Asks the kernel for the lowest wake-up latency of the processors, until the process ends. Each call keeps one file
-    /// descriptor open for that. Throws VeException when /dev/cpu_dma_latency cannot be opened or written.
+    /// Asks the kernel for the lowest wake-up latency of the processors, until the process ends. Each call keeps one
+    /// file descriptor open for that. Throws VeException when /dev/cpu_dma_latency cannot be opened or written.
     static void SetLatencyTarget();
 
     /// The start routine of the timer's thread.
