@@ -54,10 +54,9 @@ FailingCall::FailingCall(const char* functionName, std::function<void()> callHoo
     armedCall = this;
 }
 
-FailingCall& FailingCall::InAnyThread() {
+void FailingCall::InAnyThread() {
     armedCall = nullptr;
     armedCallOfAnyThread = this;
-    return *this;
 }
 
 FailingCall::~FailingCall() {

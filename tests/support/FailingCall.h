@@ -19,7 +19,7 @@ public:
     FailingCall(const char* function, std::function<void()> hook);
 
     /// Makes it the call of whichever thread comes first.
-    FailingCall& InAnyThread();
+    void InAnyThread();
 
     ~FailingCall();
 
