@@ -42,9 +42,11 @@ TEST_F(AppDomainTest, HoldsOneInstanceOfAType) {
     EXPECT_TRUE(Throws<Exception>([] { Something::GetInstance(); }, missing));
     EXPECT_FALSE(appDomain.Add(typeid(Something), &something));
 
-    appDomain.Remove(typeid(Something));
+    appDomain.RemoveWithdrawn(typeid(Something));
     EXPECT_EQ(appDomain.Withdraw(typeid(Something)), nullptr);
     EXPECT_TRUE(appDomain.Add(typeid(Something), &something));
+    appDomain.RemoveWithdrawn(typeid(Something));
+    EXPECT_EQ(Something::GetInstance(), &something);
 }
 
 TEST_F(AppDomainTest, ReportsALockThatCannotBeUsed) {
@@ -56,7 +58,7 @@ TEST_F(AppDomainTest, ReportsALockThatCannotBeUsed) {
         {"pthread_rwlock_rdlock", [](AppDomain& domain) { domain.Find(typeid(int)); }},
         {"pthread_rwlock_wrlock", [](AppDomain& domain) { domain.Add(typeid(int), nullptr); }},
         {"pthread_rwlock_wrlock", [](AppDomain& domain) { domain.Withdraw(typeid(int)); }},
-        {"pthread_rwlock_wrlock", [](AppDomain& domain) { domain.Remove(typeid(int)); }},
+        {"pthread_rwlock_wrlock", [](AppDomain& domain) { domain.RemoveWithdrawn(typeid(int)); }},
     };
     for (const auto& row : table) {
         const FailingCall call(row.function, EAGAIN, ENOENT);

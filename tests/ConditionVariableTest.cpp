@@ -156,8 +156,7 @@ TEST_F(ConditionVariableTest, FailedCallsAreReported) {
     const auto createIpc = [] { IpcCondVarService(); };
     for (const std::function<void()>& constructor : {std::function<void()>(create), std::function<void()>(createIpc)}) {
         ExpectFailures({
-            {"pthread_condattr_init", ENOMEM, EPERM, constructor,
-             "Could not initialize condition variable attribute."},
+            {"pthread_condattr_init", ENOMEM, EPERM, constructor, "Could not initialize condition variable attribute."},
             {"pthread_condattr_setclock", EINVAL, EPERM, constructor,
              "Could not set MONOTONIC clock as reference for condition variable."},
             {"pthread_condattr_setpshared", EINVAL, EPERM, constructor,

@@ -67,16 +67,25 @@ TEST(MessageTest, FillsPlaceholders) {
         EXPECT_STREQ(exception.what(), message);
     }
     // The formatting library's own words end the message; they are not ours to fix.
-    for (const auto& makeBroken : {+[] { throw VeException("{0} {1} {", 1); }, +[] { throw VeException("{1}", 1); },
-                                   +[] { throw NotExistException("{:d}", "text"); }, +[] { throw Exception("}"); }}) {
+    const struct {
+        const char* format;
+        void (*throwIt)(const char*);
+    } broken[] = {
+        {"{0} {1} {", [](const char* format) { throw VeException(format, 1); }},
+        {"{1}", [](const char* format) { throw VeException(format, 1); }},
+        {"{:d}", [](const char* format) { throw NotExistException(format, "text"); }},
+        {"}", [](const char* format) { throw Exception(format); }},
+    };
+    for (const auto& row : broken) {
         try {
-            makeBroken();
+            row.throwIt(row.format);
             ADD_FAILURE() << "threw nothing";
         } catch (const Exception& exception) {
             EXPECT_EQ(exception.GetTypeCode(), 0);
-            EXPECT_EQ(
-                exception.GetMessage().rfind("Invalid String::Format(..) operation occurs with format string '", 0), 0U)
-                << exception.GetMessage();
+            const std::string ourWords =
+                std::string("Invalid String::Format(..) operation occurs with format string '") + row.format + "': ";
+            EXPECT_EQ(exception.GetMessage().rfind(ourWords, 0), 0U) << exception.GetMessage();
+            EXPECT_GT(exception.GetMessage().size(), ourWords.size());
         }
     }
     EXPECT_TRUE(
@@ -140,6 +149,15 @@ TEST(VeExceptionTest, CapturesAStackTrace) {
     EXPECT_NE(trace.find("   at: testing::Test::Run()\r\n"), BasicString::npos) << trace;
     EXPECT_EQ(trace.find("CreateStackTrace"), BasicString::npos) << trace;
     EXPECT_EQ(trace.substr(trace.size() - 2), "\r\n");
+}
+
+[[gnu::noinline]] BasicString TraceAtDepth(int depth) {
+    return depth == 0 ? TraceOfThisFunction() : TraceAtDepth(depth - 1) + "";
+}
+
+TEST(VeExceptionTest, CapturesNoMoreThan64Frames) {
+    const BasicString trace = TraceAtDepth(100);
+    EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 63);
 }
 
 TEST(VeExceptionTest, EndsTheStackTraceWhereNothingIsKnown) {

@@ -154,6 +154,9 @@ TYPED_TEST(MutexTest, FailedCallsAreReported) {
         {"pthread_mutexattr_destroy", EINVAL, EPERM, [&] { mutex.Destroy(); },
          "Destroy: Could not destroy mutex attribute: Invalid argument"},
     });
+    // The attribute goes first: the mutex is still good.
+    mutex.Lock();
+    mutex.Unlock();
     TypeParam other;
     Init(other, false);
     ExpectFailures({{"pthread_mutex_destroy", EBUSY, EPERM, [&] { other.Destroy(); },
@@ -173,11 +176,40 @@ TEST_F(MutexServiceTest, CreationThatFailsLeavesNothingBehind) {
     }
 }
 
-TEST_F(MutexServiceTest, IsDestroyedOnce) {
+// What the C library has noted of a mutex.
+bool IsProcessShared(MutexService& mutex) { return (mutex.GetNativeHandle()->__data.__kind & 128) != 0; }
+
+TEST_F(MutexServiceTest, IsMadeAsAskedFor) {
+    for (const bool recursive : {false, true}) {
+        const std::unique_ptr<IMutexService> made(factory->CreateMutex(recursive));
+        EXPECT_EQ(made->IsRecursive(), recursive);
+        EXPECT_FALSE(IsProcessShared(dynamic_cast<MutexService&>(*made)));
+    }
+    MutexService shared;
+    shared.Init(false, MutexService::InterProcess);
+    EXPECT_TRUE(IsProcessShared(shared));
+}
+
+TEST_F(MutexServiceTest, IsDestroyedUntilThatIsDone) {
+    int destructions = 0;
+    const auto destroy = [&](MutexService& mutex) {
+        const FailingCall call("pthread_mutex_destroy", [&] { ++destructions; });
+        mutex.Destroy();
+    };
     MutexService mutex;
-    mutex.Init(false, MutexService::InterProcess);
+    mutex.Init(false, MutexService::ProcessPrivate);
+    mutex.Lock();
+    for (int i = 1; i < 3; ++i) {
+        EXPECT_THROW(destroy(mutex), VeException);
+        EXPECT_EQ(destructions, i);
+    }
+    mutex.Unlock();
+    destroy(mutex);
+    const FailingCall call("pthread_mutexattr_destroy", EINVAL, EPERM);
     mutex.Destroy();
-    mutex.Destroy();
+    MutexService other;
+    other.Init(false, MutexService::ProcessPrivate);
+    EXPECT_THROW(other.Destroy(), VeException);
 }
 
 TEST_F(MutexServiceTest, DeletingAHeldMutexEndsTheProcess) {
@@ -189,7 +221,6 @@ TEST_F(MutexServiceTest, DeletingAHeldMutexEndsTheProcess) {
     EXPECT_EQ(child.Wait(), 128 + SIGABRT);
 }
 
-// Also shows that the attributes that the factory asks for arrive: a normal mutex would not lend a priority.
 TEST_F(MutexServiceTest, HolderInheritsThePriorityOfAWaitingThread) {
     const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(true));
     const int ownPriority = KernelPriority();

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -25,6 +26,7 @@
 using Kel::BasicString;
 using Kel::Exception;
 using Kel::System::Ve::IMutexService;
+using Kel::System::Ve::IServiceObject;
 using Kel::System::Ve::ServiceType;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
@@ -44,13 +46,25 @@ public:
 };
 
 // What was written to standard output while `operation` ran; its base is decimal before and after.
+// Every line of it has been flushed.
 template <typename Operation>
 std::string OutputOf(Operation&& operation) {
-    std::ostringstream output;
-    std::streambuf* const previous = std::cout.rdbuf(output.rdbuf());
+    class Buffer : public std::stringbuf {
+    public:
+        std::string flushed;
+
+    private:
+        int sync() override {
+            flushed = str();
+            return 0;
+        }
+    };
+    Buffer buffer;
+    std::streambuf* const previous = std::cout.rdbuf(&buffer);
     operation();
     std::cout.rdbuf(previous);
-    return output.str();
+    EXPECT_EQ(buffer.str().rfind('\n'), buffer.flushed.rfind('\n'));
+    return buffer.str();
 }
 
 using ServiceFactoryTest = FactoryTest;
@@ -85,12 +99,15 @@ TEST_F(NoFactoryTest, FactoryIsMadeOnceUntilItIsDisposed) {
 // As when another thread is faster. In a child, since the factory that is refused stays allocated.
 TEST_F(NoFactoryTest, SecondFactoryAtTheSameTimeIsRefused) {
     Child child([] {
+        FailingCall noDestruction("pthread_mutex_destroy", [] { _exit(2); });
+        noDestruction.InAnyThread();
         const FailingCall call("pthread_mutex_init", [] { ServiceFactory::CreateServiceFactory(); });
-        return Throws<Exception>(
-                   [] { ServiceFactory::CreateServiceFactory(); },
-                   "AppDomain Singleton of type 'Kel::System::Ve::Internal::ServiceFactory' has been added yet")
-                   ? 0
-                   : 1;
+        _exit(Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); },
+                                "AppDomain Singleton of type 'Kel::System::Ve::Internal::ServiceFactory' has been "
+                                "added yet")
+                  ? 0
+                  : 1);
+        return 3;
     });
     EXPECT_EQ(child.Wait(), 0);
 }
@@ -178,6 +195,11 @@ TEST_F(ServiceFactoryTest, CountsEveryRegistrationAndRelease) {
     factory->ReleaseServiceObject(&service);
 }
 
+TEST_F(ServiceFactoryTest, RegistersWhileItRegisters) {
+    const FailingCall call("pthread_mutex_unlock", [] { const TestService inner; });
+    const TestService outer;
+}
+
 TEST_F(ServiceFactoryTest, RegistersFromAllThreads) {
     std::vector<std::thread> threads(4);
     for (std::thread& thread : threads) {
@@ -229,7 +251,11 @@ TEST_F(ServiceFactoryTest, ReportsATypeWithoutName) {
         EXPECT_TRUE(Throws<Exception>([this] { factory->PrintAllNotDestroyedServiceObjects(); },
                                       "Invalid value for Enum 'Kel::System::Ve::ServiceType' occurs: 18"));
     });
-    EXPECT_EQ(output, "WARN: 1 service objects were not destroyed:\n");
+    std::ostringstream expected;
+    expected << "WARN: 1 service objects were not destroyed:\nWARN: service object "
+             << static_cast<const IServiceObject*>(&service) << " of type '";
+    EXPECT_EQ(output, expected.str());
+    std::cout << std::dec;
     EXPECT_TRUE(std::cout.good());
     Child child([] {
         ServiceFactory::DisposeServiceFactory();

@@ -15,20 +15,18 @@ using Kel::System::Ve::Internal::Linux::TimeoutConversion;
 
 namespace {
 
-// The clocks stand still: the intercepted call succeeds without touching the result, which Convert has zeroed.
 TEST(TimeoutConversionTest, AddsMilliseconds) {
     const struct {
+        timespec now;
         unsigned long timeoutMs;
         timespec deadline;
     } table[] = {
-        {0, {0, 0}},
-        {999, {0, 999000000}},
-        {1000, {1, 0}},
-        {1500, {1, 500000000}},
-        {4294967295UL, {4294967, 295000000}},
+        {{5, 500000000}, 0, {5, 500000000}}, {{5, 500000000}, 499, {5, 999000000}},
+        {{5, 500000000}, 500, {6, 0}},       {{5, 500000000}, 999, {6, 499000000}},
+        {{5, 0}, 1500, {6, 500000000}},      {{5, 999999999}, 4294967295UL, {4294973, 294999999}},
     };
     for (const auto& row : table) {
-        const FailingCall stoppedClock("clock_gettime", 0, 0);
+        const StoppedClock stoppedClock(row.now);
         timespec deadline{-1, -1};
         TimeoutConversion::Convert(row.timeoutMs, deadline, TimeoutConversion::Realtime);
         EXPECT_EQ(deadline.tv_sec, row.deadline.tv_sec);

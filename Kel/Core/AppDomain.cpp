@@ -56,8 +56,12 @@ void* AppDomain::Find(std::type_index type) const {
 }
 
 bool AppDomain::Add(std::type_index type, void* instance) {
+    // Made outside the lock, under which nothing is allocated.
+    decltype(singletons) single;
+    single.emplace(type, instance);
+    auto entry = single.extract(single.begin());
     const Locked locked = LockForWriting(lock);
-    return singletons.emplace(type, instance).second;
+    return singletons.insert(std::move(entry)).inserted;
 }
 
 void* AppDomain::Withdraw(std::type_index type) {
@@ -66,9 +70,12 @@ void* AppDomain::Withdraw(std::type_index type) {
     return entry == singletons.end() ? nullptr : std::exchange(entry->second, nullptr);
 }
 
-void AppDomain::Remove(std::type_index type) {
+void AppDomain::RemoveWithdrawn(std::type_index type) {
     const Locked locked = LockForWriting(lock);
-    singletons.erase(type);
+    const auto entry = singletons.find(type);
+    if (entry != singletons.end() && entry->second == nullptr) {
+        singletons.erase(entry);
+    }
 }
 
 }  // namespace Kel

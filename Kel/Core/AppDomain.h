@@ -31,8 +31,8 @@ public:
     /// Returns the instance stored for `type` and leaves null in its place: of several callers one gets it.
     void* Withdraw(std::type_index type);
 
-    /// Removes the entry of `type`, if there is one.
-    void Remove(std::type_index type);
+    /// Removes the entry of `type`, if there is one, unless there is an instance in it.
+    void RemoveWithdrawn(std::type_index type);
 
 private:
     // By name: the order of `std::type_index` itself contradicts itself on 32-bit ARM when one of two types is local to

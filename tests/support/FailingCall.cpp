@@ -13,9 +13,11 @@
 #include <time.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -23,23 +25,30 @@ namespace {
 thread_local FailingCall* armedCall = nullptr;
 std::atomic<FailingCall*> armedCallOfAnyThread{nullptr};
 std::atomic<long> wallClockJump{0};
+thread_local std::optional<timespec> stoppedClock;
 thread_local int allocationsLeft = -1;
 
-int Jump(clockid_t clock, timespec* time, int result) {
-    if (clock == CLOCK_REALTIME && result == 0) {
+int Adjust(clockid_t clock, timespec* time, int result) {
+    if (stoppedClock) {
+        *time = *stoppedClock;
+    } else if (clock == CLOCK_REALTIME && result == 0) {
         time->tv_sec += wallClockJump;
     }
     return result;
 }
 
 // A backtrace from `caller` outwards, without the frames of those that intercept it: we, and sanitizers.
-int StartingAt(const void* caller, void** addresses, int count) {
+int BacktraceFrom(const void* caller, int (*next)(void**, int), void** addresses, int size) {
     // The lowest bit of a return address on ARM tells the instruction set.
     const auto isCaller = [caller](const void* address) {
         return (reinterpret_cast<std::uintptr_t>(address) | 1) == (reinterpret_cast<std::uintptr_t>(caller) | 1);
     };
-    void** const first = std::find_if(addresses, addresses + count, isCaller);
-    return static_cast<int>(std::copy(first, addresses + count, addresses) - addresses);
+    std::array<void*, 80> all;
+    const auto last = all.begin() + next(all.data(), static_cast<int>(all.size()));
+    const auto first = std::find_if(all.begin(), last, isCaller);
+    const auto count = std::min<std::ptrdiff_t>(last - first, size);
+    std::copy_n(first, count, addresses);
+    return static_cast<int>(count);
 }
 
 }  // namespace
@@ -66,14 +75,20 @@ FailingCall::~FailingCall() {
 }
 
 bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult) {
-    FailingCall* call = armedCall != nullptr ? armedCall : armedCallOfAnyThread.load();
-    if (call == nullptr || std::strcmp(call->function, functionName) != 0 || call->skip-- > 0) {
-        return false;
-    }
-    if (call == armedCall) {
+    const auto isMeant = [functionName](const FailingCall* call) {
+        return call != nullptr && std::strcmp(call->function, functionName) == 0;
+    };
+    FailingCall* call = armedCall;
+    if (isMeant(call)) {
+        if (call->skip-- > 0) {
+            return false;
+        }
         armedCall = nullptr;
-    } else if (!armedCallOfAnyThread.compare_exchange_strong(call, nullptr)) {
-        return false;
+    } else {
+        call = armedCallOfAnyThread;
+        if (!isMeant(call) || !armedCallOfAnyThread.compare_exchange_strong(call, nullptr)) {
+            return false;
+        }
     }
     call->happened = true;
     if (call->hook) {
@@ -85,6 +100,10 @@ bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult
     return true;
 }
 
+StoppedClock::StoppedClock(timespec reading) { stoppedClock = reading; }
+
+StoppedClock::~StoppedClock() { stoppedClock.reset(); }
+
 WallClockJump::WallClockJump(long seconds) { wallClockJump = seconds; }
 
 WallClockJump::~WallClockJump() { wallClockJump = 0; }
@@ -92,8 +111,6 @@ WallClockJump::~WallClockJump() { wallClockJump = 0; }
 FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
 
 FailingAllocation::~FailingAllocation() { allocationsLeft = -1; }
-
-bool FailingAllocation::Happened() const { return allocationsLeft < 0; }
 
 void ExpectFailures(const std::vector<Failure>& table) {
     for (const Failure& row : table) {
@@ -130,7 +147,7 @@ INTERCEPT(int, pthread_mutex_destroy, (pthread_mutex_t* a), next(a))
 INTERCEPT(int, pthread_rwlock_init, (pthread_rwlock_t* a, const pthread_rwlockattr_t* b), next(a, b))
 INTERCEPT(int, pthread_rwlock_rdlock, (pthread_rwlock_t* a), next(a))
 INTERCEPT(int, pthread_rwlock_wrlock, (pthread_rwlock_t* a), next(a))
-INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), Jump(a, b, next(a, b)))
+INTERCEPT(int, clock_gettime, (clockid_t a, timespec* b), Adjust(a, b, next(a, b)))
 INTERCEPT(int, pthread_rwlock_tryrdlock, (pthread_rwlock_t* a), next(a))
 INTERCEPT(int, pthread_rwlock_trywrlock, (pthread_rwlock_t* a), next(a))
 INTERCEPT(int, pthread_rwlock_timedrdlock, (pthread_rwlock_t* a, const timespec* b), next(a, b))
@@ -173,9 +190,9 @@ INTERCEPT(int, pthread_setname_np, (pthread_t a, const char* b), next(a, b))
 INTERCEPT(int, pthread_setschedparam, (pthread_t a, int b, const sched_param* c), next(a, b, c))
 INTERCEPT(int, pthread_setaffinity_np, (pthread_t a, std::size_t b, const cpu_set_t* c), next(a, b, c))
 INTERCEPT(int, nanosleep, (const timespec* a, timespec* b), next(a, b))
-INTERCEPT(int, open, (const char* a, int b, mode_t c), next(a, b, c))
+INTERCEPT(int, open64, (const char* a, int b, mode_t c), next(a, b, c))
 INTERCEPT(ssize_t, write, (int a, const void* b, std::size_t c), next(a, b, c))
-INTERCEPT(int, backtrace, (void** a, int b), StartingAt(__builtin_return_address(0), a, next(a, b)))
+INTERCEPT(int, backtrace, (void** a, int b), BacktraceFrom(__builtin_return_address(0), next, a, b))
 INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))
 INTERCEPT(int, dladdr, (const void* a, Dl_info* b), next(a, b))
 INTERCEPT(char*, __cxa_demangle, (const char* a, char* b, std::size_t* c, int* d), next(a, b, c, d))

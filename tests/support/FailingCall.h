@@ -1,5 +1,7 @@
 #pragma once
 
+#include <time.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -18,7 +20,8 @@ public:
     /// The call goes through, but runs `hook` before.
     FailingCall(const char* function, std::function<void()> hook);
 
-    /// Makes it the call of whichever thread comes first.
+    /// Makes it the call of whichever thread comes first; then none is skipped, and another call of this thread may be
+    /// made to fail beside it.
     void InAnyThread();
 
     ~FailingCall();
@@ -36,6 +39,16 @@ private:
     int skip;
     std::function<void()> hook;
     std::atomic<bool> happened{false};
+};
+
+/// While it lives, both clocks stand still for this thread, as far as clock_gettime tells.
+class StoppedClock {
+public:
+    explicit StoppedClock(timespec reading);
+    ~StoppedClock();
+
+    StoppedClock(const StoppedClock&) = delete;
+    StoppedClock& operator=(const StoppedClock&) = delete;
 };
 
 /// While it lives, the realtime clock is ahead by that many seconds, as far as clock_gettime tells.
@@ -56,8 +69,6 @@ public:
 
     FailingAllocation(const FailingAllocation&) = delete;
     FailingAllocation& operator=(const FailingAllocation&) = delete;
-
-    bool Happened() const;
 };
 
 /// One row of a table of failures.

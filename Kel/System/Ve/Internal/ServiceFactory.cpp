@@ -1,6 +1,7 @@
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 
 #include <Kel/Core/AppDomain.h>
+#include <Kel/Core/CancellationDisabled.h>
 #include <Kel/Core/EnumDictionary.h>
 #include <Kel/Core/Exception.h>
 #include <Kel/Core/RuntimeTypeInfo.h>
@@ -49,11 +50,13 @@ void ServiceFactory::CreateServiceFactory() {
 }
 
 void ServiceFactory::DisposeServiceFactory() {
+    // Writing the report is a cancellation point.
+    const CancellationDisabled disabled;
     AppDomain& appDomain = Singleton<AppDomain>::GetInstance();
     // Withdrawn before it is deleted: nobody finds a factory that is being destroyed, and of two disposals at the same
     // time one deletes it.
     delete static_cast<ServiceFactory*>(appDomain.Withdraw(typeid(ServiceFactory)));
-    appDomain.Remove(typeid(ServiceFactory));
+    appDomain.RemoveWithdrawn(typeid(ServiceFactory));
 }
 
 ServiceFactory::ServiceFactory() : version("2024.0.8 LTS", 24, 0, 8, 183, BasicString::Empty) {
@@ -113,9 +116,8 @@ void ServiceFactory::PrintAllNotDestroyedServiceObjects() {
     // The count has no base of its own: it is decimal until a report has left the stream hexadecimal.
     std::cout << "WARN: " << objects.size() << " service objects were not destroyed:" << std::endl;
     for (const auto& [object, debugData] : objects) {
-        const std::string type = TypeText(object->GetServiceType());
-        std::cout << "WARN: service object " << std::hex << static_cast<const void*>(object) << " of type '" << type
-                  << "' was not destroyed." << std::endl;
+        std::cout << "WARN: service object " << std::hex << static_cast<const void*>(object) << " of type '"
+                  << TypeText(object->GetServiceType()) << "' was not destroyed." << std::endl;
     }
 }
 

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <utility>
 
 namespace Kel::System::Ve::Internal::Linux {
 
@@ -28,8 +27,9 @@ ConditionVariableService::ConditionVariableService()
 ConditionVariableService::~ConditionVariableService() { Destroy(); }
 
 void ConditionVariableService::Destroy() {
-    if (!std::exchange(destroyed, true)) {
+    if (!destroyed) {
         CheckReturnedCode(pthread_cond_destroy(&condition));
+        destroyed = true;
     }
 }
 

@@ -14,7 +14,7 @@ public:
     ConditionVariableService();
     ~ConditionVariableService() override;
 
-    /// Destroys the condition variable; does nothing the second time. Called by the destructor, where a failure ends
+    /// Destroys the condition variable; does nothing once it is done. Called by the destructor, where a failure ends
     /// the process.
     void Destroy();
 

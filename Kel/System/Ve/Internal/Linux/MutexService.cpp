@@ -1,7 +1,5 @@
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
 
-#include <utility>
-
 namespace Kel::System::Ve::Internal::Linux {
 
 MutexService::MutexService(bool registers) : ServiceObjectBase("MutexService", ServiceType::Mutex, registers) {}
@@ -14,8 +12,9 @@ void MutexService::Init(bool recursive, Shared shared) {
 }
 
 void MutexService::Destroy() {
-    if (std::exchange(initialized, false)) {
+    if (initialized) {
         mutex.Destroy();
+        initialized = false;
     }
 }
 

@@ -22,7 +22,7 @@ public:
     /// Makes the mutex; called once, right after construction.
     void Init(bool recursive, Shared shared);
 
-    /// Destroys what `Init` has made; does nothing when that failed, or the second time. Called by the destructor,
+    /// Destroys what `Init` has made; does nothing when that failed, or once it is done. Called by the destructor,
     /// where a failure, as for a mutex that is held, ends the process.
     void Destroy();
 

@@ -8,6 +8,7 @@
 #include <sched.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace Kel::System::Ve::Internal::Linux {
 
@@ -17,9 +18,9 @@ struct PosixThread::State {
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    // Guards all that follows.
+    // Guards all that follows; a change of it is notified.
     PosixMutex lock;
-    pthread_cond_t joinEnded = PTHREAD_COND_INITIALIZER;
+    pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
     // 0 when there is none that has not been joined.
     pthread_t thread{};
     // Counts the threads, for those that outlive their turn.
@@ -38,50 +39,34 @@ struct PosixThread::Launch {
     void* argument;
 };
 
-// The end of a thread, also when it is cancelled.
+// The end of a thread. One that is cancelled meets it, too, since it lies in the thread's own storage: unwinding the
+// stack alone is not enough on 32-bit ARM, where it breaks off in some calls of the C library.
 class PosixThread::End {
 public:
-    explicit End(const Launch& endingLaunch) : launch(endingLaunch) {}
     ~End() {
+        if (launch) {
+            Happens(false);
+        }
+    }
+
+    void IsThatOf(std::unique_ptr<Launch> endingLaunch) { launch = std::move(endingLaunch); }
+
+    void Happens(bool returned) {
         const CancellationDisabled disabled;
-        State& state = *launch.state;
-        const MutexGuard guard(state.lock);
-        if (state.generation == launch.generation) {
-            state.running = false;
-            state.returned = returned;
-        }
-    }
-    End(const End&) = delete;
-    End& operator=(const End&) = delete;
-
-    bool returned = false;
-
-private:
-    const Launch& launch;
-};
-
-// The end of a join, also when the thread that joins is cancelled in it.
-class PosixThread::JoinAttempt {
-public:
-    JoinAttempt(State& joinedState, unsigned int joinedGeneration) : state(joinedState), generation(joinedGeneration) {}
-    ~JoinAttempt() {
-        const MutexGuard guard(state.lock);
-        if (state.generation == generation) {
-            state.joining = false;
-            if (succeeded) {
-                state.thread = 0;
+        {
+            State& state = *launch->state;
+            const MutexGuard guard(state.lock);
+            if (state.generation == launch->generation) {
+                state.running = false;
+                state.returned = returned;
+                pthread_cond_broadcast(&state.changed);
             }
-            pthread_cond_broadcast(&state.joinEnded);
         }
+        launch.reset();
     }
-    JoinAttempt(const JoinAttempt&) = delete;
-    JoinAttempt& operator=(const JoinAttempt&) = delete;
-
-    bool succeeded = false;
 
 private:
-    State& state;
-    const unsigned int generation;
+    std::unique_ptr<Launch> launch;
 };
 
 PosixThread::PosixThread() : state(std::make_shared<State>()) {}
@@ -116,15 +101,16 @@ int PosixThread::Create(const pthread_attr_t& attributes, void* (*function)(void
     state->running = true;
     state->returned = false;
     state->joining = false;
-    pthread_cond_broadcast(&state->joinEnded);
+    pthread_cond_broadcast(&state->changed);
     return 0;
 }
 
 void* PosixThread::Run(void* launchArgument) {
-    const std::unique_ptr<Launch> launch(static_cast<Launch*>(launchArgument));
-    End end(*launch);
+    thread_local End end;
+    auto* const launch = static_cast<Launch*>(launchArgument);
+    end.IsThatOf(std::unique_ptr<Launch>(launch));
     void* const result = launch->function(launch->argument);
-    end.returned = true;
+    end.Happens(true);
     return result;
 }
 
@@ -133,9 +119,14 @@ int PosixThread::Join() {
     unsigned int generation = 0;
     {
         const MutexGuard guard(state->lock);
+        if (state->thread != 0 && pthread_equal(state->thread, pthread_self()) != 0) {
+            return EDEADLK;
+        }
         generation = state->generation;
-        while (state->joining && state->generation == generation) {
-            pthread_cond_wait(&state->joinEnded, state->lock.GetNativeHandle());
+        // A thread that is cancelled in here leaves everything as it was; in pthread_join, on 32-bit ARM, it would not
+        // even unwind. So that is called only when the thread has as good as ended.
+        while (state->thread != 0 && state->generation == generation && (state->running || state->joining)) {
+            pthread_cond_wait(&state->changed, state->lock.GetNativeHandle());
         }
         if (state->thread == 0 || state->generation != generation) {
             return ESRCH;
@@ -143,9 +134,16 @@ int PosixThread::Join() {
         state->joining = true;
         thread = state->thread;
     }
-    JoinAttempt attempt(*state, generation);
+    const CancellationDisabled disabled;
     const int code = pthread_join(thread, nullptr);
-    attempt.succeeded = code == 0;
+    const MutexGuard guard(state->lock);
+    if (state->generation == generation) {
+        state->joining = false;
+        if (code == 0) {
+            state->thread = 0;
+        }
+        pthread_cond_broadcast(&state->changed);
+    }
     return code;
 }
 

@@ -28,7 +28,7 @@ public:
     int Create(const pthread_attr_t& attributes, void* (*function)(void*), void* argument);
 
     /// Waits for the end of the thread (pthread_join). Of several joins at the same time one succeeds; the others wait
-    /// for it, too. A cancellation point.
+    /// for it, too. EDEADLK when called by the thread itself. A cancellation point.
     int Join();
 
     /// Asks the thread to end (pthread_cancel). Does nothing when it has ended but has not been joined.
@@ -51,7 +51,6 @@ private:
     struct State;
     struct Launch;
     class End;
-    class JoinAttempt;
 
     static void* Run(void* launch);
 

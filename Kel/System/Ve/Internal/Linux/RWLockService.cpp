@@ -6,7 +6,6 @@
 #include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
 
 #include <cerrno>
-#include <utility>
 
 namespace Kel::System::Ve::Internal::Linux {
 
@@ -49,8 +48,9 @@ RWLockService::RWLockService() : ServiceObjectBase("RWLockService", ServiceType:
 RWLockService::~RWLockService() { Destroy(); }
 
 void RWLockService::Destroy() {
-    if (!std::exchange(destroyed, true)) {
+    if (!destroyed) {
         Check(pthread_rwlock_destroy(&lock), "Could not destroy rw-lock. Error {0} ({1}).");
+        destroyed = true;
     }
 }
 

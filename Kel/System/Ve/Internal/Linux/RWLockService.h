@@ -13,7 +13,7 @@ public:
     RWLockService();
     ~RWLockService() override;
 
-    /// Destroys the lock; does nothing the second time. Called by the destructor, where a failure ends the process.
+    /// Destroys the lock; does nothing once it is done. Called by the destructor, where a failure ends the process.
     void Destroy();
 
     /// Releases what this thread holds: there is one unlock for both modes.

@@ -1,0 +1,324 @@
+#include "support/Child.h"
+#include "support/FactoryTest.h"
+#include "support/FailingCall.h"
+#include "support/Throws.h"
+
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/ITimerService.h>
+#include <Kel/System/Ve/Internal/Linux/SemaphoreService.h>
+#include <Kel/System/Ve/Internal/Linux/TimerService.h>
+#include <Kel/System/Ve/Internal/TimerServiceBase.h>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Kel::BasicString;
+using Kel::System::Ve::ITimerService;
+using Kel::System::Ve::Exceptions::VeException;
+using Kel::System::Ve::Internal::TimerServiceBase;
+using Kel::System::Ve::Internal::Linux::SemaphoreService;
+using Kel::System::Ve::Internal::Linux::TimerService;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+void Call(void* function) { (*static_cast<std::function<void()>*>(function))(); }
+
+constexpr unsigned int tenSeconds = 10000000;
+
+class TimerTest : public FactoryTest {
+protected:
+    std::unique_ptr<ITimerService> Make(unsigned int period, std::function<void()>& handler,
+                                        const BasicString& name = BasicString::Empty, unsigned int priority = 0,
+                                        unsigned int mask = 0) {
+        return std::unique_ptr<ITimerService>(factory->CreateTimer(period, name, priority, &handler, &Call, mask));
+    }
+
+    SemaphoreService called{0};
+    std::function<void()> post = [this] { called.Post(); };
+};
+
+TEST_F(TimerTest, StoresSettingsUntilTheStart) {
+    const std::uint32_t before = LiveObjects();
+    const auto timer = Make(7, post, "a name of more than 15", 1000, 0xffffffff);
+    EXPECT_EQ(LiveObjects(), before + 3);
+    EXPECT_EQ(timer->GetPeriod(), 7U);
+    EXPECT_EQ(timer->GetName(), "a name of more ");
+    EXPECT_EQ(timer->GetPriority(), 1000U);
+    EXPECT_EQ(timer->GetCPUAffinity(), 0xffffffffU);
+    EXPECT_EQ(timer->GetMaxNameLength(), 15U);
+    timer->Stop();
+    // There is no thread yet.
+    EXPECT_TRUE(Throws<VeException>([&] { timer->ChangeName(""); },
+                                    "ChangeName: Could not set threadname of timer, linux error code: No such process"));
+    EXPECT_TRUE(Throws<VeException>([&] { timer->ChangePriority(0); },
+                                    "ChangePriority: Could not change priority, linux error code: No such process"));
+    EXPECT_TRUE(Throws<VeException>([&] { timer->ChangeCpuAffinity(1); },
+                                    "ChangeCpuAffinity: Could not set cpu affinity, linux error code: No such process"));
+}
+
+TEST_F(TimerTest, CallsAtOnceAndThenNeverBeforeItsDeadline) {
+    std::vector<steady_clock::time_point> calls;
+    std::function<void()> handler = [&] {
+        if (calls.size() < 20) {
+            calls.push_back(steady_clock::now());
+            called.Post();
+        }
+    };
+    const auto timer = Make(2500, handler);
+    const auto start = steady_clock::now();
+    timer->Start();
+    for (int i = 0; i < 20; ++i) {
+        called.Wait(0);
+    }
+    timer->Stop();
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        EXPECT_GE(calls[i] - start, i * std::chrono::microseconds(2500)) << i;
+    }
+}
+
+TEST_F(TimerTest, MakesUpForCallsThatWereMissed) {
+    // The first call takes ten periods. Without the missed calls the 20th comes no earlier than 29 periods after the
+    // start, with them after 19.
+    std::atomic<int> calls{0};
+    std::function<void()> handler = [&] {
+        const auto begin = steady_clock::now();
+        while (calls == 0 && steady_clock::now() - begin < milliseconds(500)) {
+        }
+        ++calls;
+        called.Post();
+    };
+    const auto timer = Make(50000, handler);
+    const auto start = steady_clock::now();
+    timer->Start();
+    for (int i = 0; i < 20; ++i) {
+        called.Wait(0);
+    }
+    const auto elapsed = steady_clock::now() - start;
+    timer->Stop();
+    EXPECT_GE(elapsed, 19 * milliseconds(50));
+    EXPECT_LT(elapsed, 29 * milliseconds(50));
+}
+
+TEST_F(TimerTest, RunsWithoutPauseOrHandler) {
+    const auto timer = Make(0, post);
+    timer->Start();
+    for (int i = 0; i < 1000; ++i) {
+        called.Wait(0);
+    }
+    timer->Stop();
+    const std::unique_ptr<ITimerService> silent(factory->CreateTimer(1000, "", 0, nullptr, nullptr, 0));
+    silent->Start();
+    silent->Stop();
+}
+
+TEST_F(TimerTest, StartsAndStopsAgainAndAgain) {
+    const auto timer = Make(tenSeconds, post);
+    const auto start = steady_clock::now();
+    // At any point of the cycle.
+    for (int i = 0; i < 300; ++i) {
+        timer->Start();
+        if (i % 3 != 0) {
+            called.Wait(0);
+        }
+        if (i % 3 == 2) {
+            std::this_thread::yield();
+        }
+        timer->Stop();
+    }
+    // Not one of them was waited for.
+    EXPECT_LT(steady_clock::now() - start, seconds(10));
+    timer->Start();
+    EXPECT_TRUE(Throws<VeException>([&] { timer->Start(); }, "Start: Timer was started yet!"));
+    EXPECT_TRUE(Throws<VeException>(
+        [&] { dynamic_cast<TimerServiceBase&>(*timer).SetHandler(nullptr, nullptr); },
+        "SetHandler: Changing handlers of an already started timer is not possible."));
+}
+
+TEST_F(TimerTest, StopDuringACallWaitsForItAndNoLonger) {
+    SemaphoreService entered(0);
+    SemaphoreService leave(0);
+    std::atomic<int> ended{0};
+    std::function<void()> handler = [&] {
+        entered.Post();
+        leave.Wait(0);
+        ++ended;
+    };
+    const auto timer = Make(tenSeconds, handler);
+    const auto start = steady_clock::now();
+    timer->Start();
+    entered.Wait(0);
+    std::vector<std::thread> stops(3);
+    for (std::thread& stop : stops) {
+        stop = std::thread([&] {
+            timer->Stop();
+            EXPECT_EQ(ended, 1);
+        });
+    }
+    leave.Post();
+    for (std::thread& stop : stops) {
+        stop.join();
+    }
+    EXPECT_EQ(ended, 1);
+    EXPECT_LT(steady_clock::now() - start, seconds(10));
+}
+
+TEST_F(TimerTest, KeepsThePeriodItStartedWith) {
+    const auto timer = Make(1000, post);
+    timer->Start();
+    timer->SetPeriod(tenSeconds);
+    const auto start = steady_clock::now();
+    for (int i = 0; i < 5; ++i) {
+        called.Wait(0);
+    }
+    EXPECT_LT(steady_clock::now() - start, seconds(10));
+    timer->Stop();
+    EXPECT_EQ(timer->GetPeriod(), tenSeconds);
+}
+
+TEST_F(TimerTest, AppliesAndChangesItsSettings) {
+    char name[16] = "";
+    cpu_set_t processors;
+    int policy = -1;
+    sched_param parameters{};
+    std::function<void()> look = [&] {
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        pthread_getaffinity_np(pthread_self(), sizeof processors, &processors);
+        pthread_getschedparam(pthread_self(), &policy, &parameters);
+        called.Post();
+    };
+    const auto timer = Make(tenSeconds, look, "a timer", 0, 1);
+    timer->Start();
+    called.Wait(0);
+    timer->Stop();
+    EXPECT_STREQ(name, "a timer");
+    EXPECT_EQ(CPU_COUNT(&processors), 1);
+    EXPECT_EQ(policy, SCHED_OTHER);
+    timer->SetPriority(20);
+    try {
+        timer->Start();
+    } catch (const VeException& exception) {
+        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO): " << exception.what();
+    }
+    called.Wait(0);
+    timer->SetName("another name, cut");
+    timer->SetPriority(0);
+    EXPECT_TRUE(Throws<VeException>([&] { timer->SetCPUAffinity(0); },
+                                    "ChangeCpuAffinity: Could not set cpu affinity, linux error code: Invalid argument"));
+    EXPECT_EQ(timer->GetName(), "another name, c");
+    EXPECT_EQ(timer->GetCPUAffinity(), 1U);
+    timer->Stop();
+    EXPECT_EQ(policy, SCHED_FIFO);
+    EXPECT_EQ(parameters.sched_priority, 20);
+}
+
+TEST_F(TimerTest, StartThatFailsLeavesWhatItSays) {
+    const auto timer = Make(tenSeconds, post, "", 0, 1);
+    ExpectFailures({{"pthread_create", EAGAIN, EPERM, [&] { timer->Start(); },
+                     "Start: Could not create posix-thread for timer, linux error code: Resource temporarily "
+                     "unavailable"}});
+    EXPECT_THROW(timer->ChangeName(""), VeException);
+    // Here the timer runs, but does not count as started: it can be started again.
+    for (const Failure& failure : {Failure{"pthread_setname_np", ENOENT, EPERM, [&] { timer->Start(); },
+                                           "ChangeName: Could not set threadname of timer, linux error code: No such "
+                                           "file or directory"},
+                                   Failure{"pthread_setaffinity_np", EINVAL, EPERM, [&] { timer->Start(); },
+                                           "ChangeCpuAffinity: Could not set cpu affinity, linux error code: Invalid "
+                                           "argument"}}) {
+        ExpectFailures({failure});
+        called.Wait(0);
+    }
+    timer->Start();
+    called.Wait(0);
+    timer->Stop();
+    EXPECT_FALSE(called.TryWait());
+    // And deleted.
+    ExpectFailures({{"pthread_setname_np", ENOENT, EPERM, [&] { timer->Start(); },
+                     "ChangeName: Could not set threadname of timer, linux error code: No such file or directory"}});
+
+    const auto noSuchProcessor = Make(1000, post, "", 0, 1U << 31U);
+    EXPECT_THROW(noSuchProcessor->Start(), VeException);
+    const auto noSuchPriority = Make(1000, post, "", 1000);
+    EXPECT_TRUE(Throws<VeException>([&] { noSuchPriority->Start(); },
+                                    "Start: Could not create posix-thread for timer, linux error code: Invalid "
+                                    "argument"));
+}
+
+TEST_F(TimerTest, MayBeStoppedRestartedAndDeletedByItsHandler) {
+    std::unique_ptr<ITimerService> timer;
+    int calls = 0;
+    std::function<void()> handler = [&] {
+        ++calls;
+        if (calls < 10) {
+            timer->Stop();
+            timer->Start();
+        } else if (calls == 10) {
+            timer->Stop();
+        } else {
+            timer.reset();
+        }
+        called.Post();
+    };
+    timer = Make(0, handler);
+    timer->Start();
+    for (int i = 0; i < 10; ++i) {
+        called.Wait(0);
+    }
+    timer->Start();
+    called.Wait(0);
+    EXPECT_EQ(calls, 11);
+}
+
+TEST_F(TimerTest, FailedConstructionLeavesNothingBehind) {
+    const std::uint32_t before = LiveObjects();
+    for (const char* const function : {"pthread_mutex_init", "pthread_cond_init"}) {
+        const FailingCall call(function, ENOMEM, EPERM);
+        EXPECT_THROW(Make(1, post), VeException);
+        EXPECT_EQ(LiveObjects(), before);
+    }
+}
+
+TEST(LatencyTargetTest, FailedCallsAreReported) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ExpectFailures({{"open64", -1, EACCES, [] { TimerService::SetLatencyTarget(); },
+                     "SetLatencyTarget: Could not open /dev/cpu_dma_latency: Permission denied"}});
+    {
+        const FailingCall opened("open64", ends[0], 0);
+        // The reading end of a pipe cannot be written.
+        EXPECT_TRUE(Throws<VeException>([] { TimerService::SetLatencyTarget(); },
+                                        "SetLatencyTarget: Could not write 0 cpu_dma latency: Bad file descriptor"));
+    }
+    EXPECT_EQ(fcntl(ends[0], F_GETFD), -1);
+    close(ends[1]);
+}
+
+TEST(LatencyTargetTest, KeepsTheDeviceOpenButNotInChildren) {
+    if (access("/dev/cpu_dma_latency", R_OK | W_OK) != 0) {
+        GTEST_SKIP() << "needs /dev/cpu_dma_latency, readable and writable";
+    }
+    Child child([] {
+        const int next = dup(0);
+        close(next);
+        TimerService::SetLatencyTarget();
+        TimerService::SetLatencyTarget();
+        return (fcntl(next, F_GETFD) & FD_CLOEXEC) != 0 && (fcntl(next + 1, F_GETFD) & FD_CLOEXEC) != 0 ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+}  // namespace
