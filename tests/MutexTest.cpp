@@ -190,26 +190,19 @@ TEST_F(MutexServiceTest, IsMadeAsAskedFor) {
     EXPECT_TRUE(IsProcessShared(shared));
 }
 
-TEST_F(MutexServiceTest, IsDestroyedUntilThatIsDone) {
-    int destructions = 0;
-    const auto destroy = [&](MutexService& mutex) {
-        const FailingCall call("pthread_mutex_destroy", [&] { ++destructions; });
-        mutex.Destroy();
-    };
+TEST_F(MutexServiceTest, IsDestroyedUntilThatIsDoneAndNotAgain) {
     MutexService mutex;
     mutex.Init(false, MutexService::ProcessPrivate);
-    mutex.Lock();
-    for (int i = 1; i < 3; ++i) {
-        EXPECT_THROW(destroy(mutex), VeException);
-        EXPECT_EQ(destructions, i);
-    }
-    mutex.Unlock();
-    destroy(mutex);
-    const FailingCall call("pthread_mutexattr_destroy", EINVAL, EPERM);
+    const Failure busy{"pthread_mutex_destroy", EBUSY, EPERM, [&] { mutex.Destroy(); },
+                       "Destroy: Mutex could not be destroyed: Device or resource busy"};
+    ExpectFailures({busy, busy});
     mutex.Destroy();
-    MutexService other;
-    other.Init(false, MutexService::ProcessPrivate);
-    EXPECT_THROW(other.Destroy(), VeException);
+    Child child([&]() -> int {
+        const FailingCall call("pthread_mutexattr_destroy", [] { _exit(1); });
+        mutex.Destroy();
+        _exit(0);
+    });
+    EXPECT_EQ(child.Wait(), 0);
 }
 
 TEST_F(MutexServiceTest, DeletingAHeldMutexEndsTheProcess) {

@@ -98,7 +98,7 @@ TEST_F(NoFactoryTest, FactoryIsMadeOnceUntilItIsDisposed) {
 
 // As when another thread is faster. In a child, since the factory that is refused stays allocated.
 TEST_F(NoFactoryTest, SecondFactoryAtTheSameTimeIsRefused) {
-    Child child([] {
+    Child child([]() -> int {
         FailingCall noDestruction("pthread_mutex_destroy", [] { _exit(2); });
         noDestruction.InAnyThread();
         const FailingCall call("pthread_mutex_init", [] { ServiceFactory::CreateServiceFactory(); });
@@ -107,7 +107,6 @@ TEST_F(NoFactoryTest, SecondFactoryAtTheSameTimeIsRefused) {
                                 "added yet")
                   ? 0
                   : 1);
-        return 3;
     });
     EXPECT_EQ(child.Wait(), 0);
 }

@@ -63,12 +63,14 @@ TEST_F(TimerTest, StoresSettingsUntilTheStart) {
     EXPECT_EQ(timer->GetMaxNameLength(), 15U);
     timer->Stop();
     // There is no thread yet.
-    EXPECT_TRUE(Throws<VeException>([&] { timer->ChangeName(""); },
-                                    "ChangeName: Could not set threadname of timer, linux error code: No such process"));
+    EXPECT_TRUE(
+        Throws<VeException>([&] { timer->ChangeName(""); },
+                            "ChangeName: Could not set threadname of timer, linux error code: No such process"));
     EXPECT_TRUE(Throws<VeException>([&] { timer->ChangePriority(0); },
                                     "ChangePriority: Could not change priority, linux error code: No such process"));
-    EXPECT_TRUE(Throws<VeException>([&] { timer->ChangeCpuAffinity(1); },
-                                    "ChangeCpuAffinity: Could not set cpu affinity, linux error code: No such process"));
+    EXPECT_TRUE(
+        Throws<VeException>([&] { timer->ChangeCpuAffinity(1); },
+                            "ChangeCpuAffinity: Could not set cpu affinity, linux error code: No such process"));
 }
 
 TEST_F(TimerTest, CallsAtOnceAndThenNeverBeforeItsDeadline) {
@@ -144,9 +146,8 @@ TEST_F(TimerTest, StartsAndStopsAgainAndAgain) {
     EXPECT_LT(steady_clock::now() - start, seconds(10));
     timer->Start();
     EXPECT_TRUE(Throws<VeException>([&] { timer->Start(); }, "Start: Timer was started yet!"));
-    EXPECT_TRUE(Throws<VeException>(
-        [&] { dynamic_cast<TimerServiceBase&>(*timer).SetHandler(nullptr, nullptr); },
-        "SetHandler: Changing handlers of an already started timer is not possible."));
+    EXPECT_TRUE(Throws<VeException>([&] { dynamic_cast<TimerServiceBase&>(*timer).SetHandler(nullptr, nullptr); },
+                                    "SetHandler: Changing handlers of an already started timer is not possible."));
 }
 
 TEST_F(TimerTest, StopDuringACallWaitsForItAndNoLonger) {
@@ -217,8 +218,9 @@ TEST_F(TimerTest, AppliesAndChangesItsSettings) {
     called.Wait(0);
     timer->SetName("another name, cut");
     timer->SetPriority(0);
-    EXPECT_TRUE(Throws<VeException>([&] { timer->SetCPUAffinity(0); },
-                                    "ChangeCpuAffinity: Could not set cpu affinity, linux error code: Invalid argument"));
+    EXPECT_TRUE(
+        Throws<VeException>([&] { timer->SetCPUAffinity(0); },
+                            "ChangeCpuAffinity: Could not set cpu affinity, linux error code: Invalid argument"));
     EXPECT_EQ(timer->GetName(), "another name, c");
     EXPECT_EQ(timer->GetCPUAffinity(), 1U);
     timer->Stop();

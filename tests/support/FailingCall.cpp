@@ -37,6 +37,16 @@ int Adjust(clockid_t clock, timespec* time, int result) {
     return result;
 }
 
+// The function that would have been called. Not a static with an initializer: its guard is another call that the thread
+// sanitizer intercepts.
+template <typename Function>
+Function Next(std::atomic<Function>& found, const char* name) {
+    if (found == nullptr) {
+        found = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+    }
+    return found;
+}
+
 // A backtrace from `caller` outwards, without the frames of those that intercept it: we, and sanitizers.
 int BacktraceFrom(const void* caller, int (*next)(void**, int), void** addresses, int size) {
     // The lowest bit of a return address on ARM tells the instruction set.
@@ -122,12 +132,13 @@ void ExpectFailures(const std::vector<Failure>& table) {
 
 // The library is a shared object, so these definitions in the executable come before those of the C library. The label
 // gives them the function's name without clashing with its declaration in the system's headers.
-#define INTERCEPT(Result, function, parameters, ...)                                                  \
-    extern "C" Result Intercept_##function parameters __asm__(#function);                             \
-    extern "C" Result Intercept_##function parameters {                                               \
-        static const auto next = reinterpret_cast<Result(*) parameters>(dlsym(RTLD_NEXT, #function)); \
-        std::intptr_t result;                                                                         \
-        return FailingCall::Intercepts(#function, result) ? (Result)result : __VA_ARGS__;             \
+#define INTERCEPT(Result, function, parameters, ...)                                      \
+    extern "C" Result Intercept_##function parameters __asm__(#function);                 \
+    extern "C" Result Intercept_##function parameters {                                   \
+        static std::atomic<Result(*) parameters> found{nullptr};                          \
+        const auto next = Next(found, #function);                                         \
+        std::intptr_t result;                                                             \
+        return FailingCall::Intercepts(#function, result) ? (Result)result : __VA_ARGS__; \
     }
 
 // NOLINTBEGIN(performance-no-int-to-ptr): a result to return, whatever its type.
@@ -204,7 +215,6 @@ void* operator new(std::size_t size) {
     if (allocationsLeft >= 0 && allocationsLeft-- == 0) {
         throw std::bad_alloc();
     }
-    static const auto next =
-        reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, sizeof(size) == 8 ? "_Znwm" : "_Znwj"));
-    return next(size);
+    static std::atomic<void* (*)(std::size_t)> found{nullptr};
+    return Next(found, sizeof(size) == 8 ? "_Znwm" : "_Znwj")(size);
 }
