@@ -205,10 +205,11 @@ TEST_F(MutexServiceTest, IsDestroyedUntilThatIsDoneAndNotAgain) {
     EXPECT_EQ(child.Wait(), 0);
 }
 
-TEST_F(MutexServiceTest, DeletingAHeldMutexEndsTheProcess) {
+// As for a mutex that is held.
+TEST_F(MutexServiceTest, DestructionThatFailsInTheDestructorEndsTheProcess) {
     Child child([this] {
-        const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(false));
-        mutex->Lock();
+        const FailingCall call("pthread_mutex_destroy", EBUSY, EPERM);
+        delete factory->CreateMutex(false);
         return 0;
     });
     EXPECT_EQ(child.Wait(), 128 + SIGABRT);
