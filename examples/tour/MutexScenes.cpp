@@ -91,10 +91,8 @@ void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     pthread_attr_destroy(&attributes);
     if (code != 0) {
         mutex->Unlock();
-        narrator.Check(code == EPERM, "real-time priorities need a right that this process does not have");
-        narrator.Say(
-            "Run the tour as root, or allow the user a limit: '@realtime - rtprio 98' in "
-            "/etc/security/limits.conf.");
+        narrator.Check(code == EPERM, "the system does not allow a real-time thread to wait for it");
+        narrator.SayHowToGetRealTime();
         return;
     }
     narrator.Say("A real-time thread of priority 50 now waits for it.");

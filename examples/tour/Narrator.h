@@ -11,6 +11,9 @@ public:
     /// Explains what comes next, or what was seen.
     void Say(const std::string& text);
 
+    /// Explains which right is missing when there is no real-time priority, and how to get it.
+    void SayHowToGetRealTime();
+
     /// Tells something that must be so.
     void Check(bool condition, const std::string& text);
 

@@ -13,5 +13,11 @@ void ShowMutexes(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& 
 void ShowPriorityInheritance(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
 void ShowInterProcessMutex(Narrator& narrator);
 
+void ShowConditionVariable(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowReadWriteLock(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowNamedSemaphore(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowThread(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowTimer(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+
 /// Disposes the factory with two objects left alive.
 void ShowLeakReport(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);

@@ -21,6 +21,11 @@ int main() {
         ShowMutexes(narrator, factory);
         ShowPriorityInheritance(narrator, factory);
         ShowInterProcessMutex(narrator);
+        ShowConditionVariable(narrator, factory);
+        ShowReadWriteLock(narrator, factory);
+        ShowNamedSemaphore(narrator, factory);
+        ShowThread(narrator, factory);
+        ShowTimer(narrator, factory);
         ShowLeakReport(narrator, factory);
 
         Kel::Singleton<Kel::AppDomain>::pInstance = nullptr;
