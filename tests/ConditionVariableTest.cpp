@@ -30,7 +30,6 @@ using Kel::System::Ve::ServiceType;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::MutexGuard;
 using Kel::System::Ve::Internal::MutexServiceBase;
-using Kel::System::Ve::Internal::ServiceObjectBase;
 using Kel::System::Ve::Internal::Linux::ConditionVariableService;
 using Kel::System::Ve::Internal::Linux::IpcCondVarService;
 using Kel::System::Ve::Internal::Linux::IpcMutexService;

@@ -18,10 +18,10 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -314,9 +314,9 @@ TEST(LatencyTargetTest, KeepsTheDeviceOpenButNotInChildren) {
     Child child([] {
         if (access("/dev/cpu_dma_latency", R_OK | W_OK) != 0) {
             // A kernel without the device, or a user without the right.
-            return Throws<VeException>(
-                       [] { TimerService::SetLatencyTarget(); },
-                       std::string("SetLatencyTarget: Could not open /dev/cpu_dma_latency: ") + std::strerror(errno))
+            return Throws<VeException>([] { TimerService::SetLatencyTarget(); },
+                                       std::string("SetLatencyTarget: Could not open /dev/cpu_dma_latency: ") +
+                                           std::generic_category().message(errno))
                        ? 0
                        : 1;
         }

@@ -59,7 +59,8 @@ void ShowConditionVariable(Narrator& narrator, ServiceFactory& factory) {
         shared.mutex->Unlock();
     }
     consumer->Join();
-    narrator.Check(shared.sum == last * (last + 1) / 2, "all of them have arrived: the sum is " + std::to_string(shared.sum));
+    narrator.Check(shared.sum == last * (last + 1) / 2,
+                   "all of them have arrived: the sum is " + std::to_string(shared.sum));
     shared.mutex->Lock();
     const auto start = std::chrono::steady_clock::now();
     while (shared.changed->WaitFor(*shared.mutex, 20)) {
@@ -91,7 +92,8 @@ void ShowReadWriteLock(Narrator& narrator, ServiceFactory& factory) {
     const std::unique_ptr<IThreadService> second(factory.CreateThread(read, &shared));
     first->StartThread();
     second->StartThread();
-    narrator.Check(shared.reading->Wait(60000) && shared.reading->Wait(60000), "two readers hold the lock at the same time");
+    narrator.Check(shared.reading->Wait(60000) && shared.reading->Wait(60000),
+                   "two readers hold the lock at the same time");
     narrator.Check(!shared.lock->TryAcquireWriteLock(), "a writer would have to wait for them");
     shared.readOn->Post();
     shared.readOn->Post();

@@ -95,9 +95,11 @@ void ShowThread(Narrator& narrator, ServiceFactory& factory) {
     const ThreadFacts facts(folder);
     narrator.Say("The kernel says in " + folder + ":");
     narrator.Check(facts.name == "tour-thread", "its name is " + facts.name);
-    narrator.Check(facts.priority == static_cast<int>(priority), "its real-time priority is " + std::to_string(facts.priority));
-    narrator.Check(facts.policy == (priority != 0 ? SCHED_FIFO : SCHED_OTHER),
-                   "its scheduling policy is " + std::to_string(facts.policy) + " (0 is normal, 1 is first in, first out)");
+    narrator.Check(facts.priority == static_cast<int>(priority),
+                   "its real-time priority is " + std::to_string(facts.priority));
+    narrator.Check(
+        facts.policy == (priority != 0 ? SCHED_FIFO : SCHED_OTHER),
+        "its scheduling policy is " + std::to_string(facts.policy) + " (0 is normal, 1 is first in, first out)");
     narrator.Check(facts.processors == "0", "it may run on processor " + facts.processors);
     narrator.Check(shared.stackSize >= stackSize, "its stack has " + std::to_string(shared.stackSize) + " bytes");
     thread->SetName("renamed");

@@ -65,7 +65,8 @@ void ShowLateness(Narrator& narrator, const std::vector<Clock::time_point>& call
     }
     std::ostringstream summary;
     summary << std::fixed << std::setprecision(1) << "Lateness: median " << lateness[lateness.size() / 2]
-            << " us, 99th percentile " << lateness[lateness.size() * 99 / 100] << " us, maximum " << lateness.back() << " us";
+            << " us, 99th percentile " << lateness[lateness.size() * 99 / 100] << " us, maximum " << lateness.back()
+            << " us";
     narrator.Say(summary.str());
 }
 
@@ -95,7 +96,8 @@ void ShowTimer(Narrator& narrator, ServiceFactory& factory) {
         TimerService::SetLatencyTarget();
     } catch (const VeException& exception) {
         narrator.Say(exception.GetMessage());
-        narrator.Say("The kernel may lack the device; else run as root, or let a udev rule give the user the right to it.");
+        narrator.Say(
+            "The kernel may lack the device; else run as root, or let a udev rule give the user the right to it.");
     }
     try {
         RunTimer(narrator, factory, 80);
