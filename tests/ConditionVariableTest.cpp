@@ -1,6 +1,7 @@
 #include "support/Child.h"
 #include "support/FactoryTest.h"
 #include "support/FailingCall.h"
+#include "support/SharedObject.h"
 #include "support/Throws.h"
 
 #include <Kel/System/Ve/Exceptions/VeException.h>
@@ -13,13 +14,11 @@
 #include <Kel/System/Ve/Internal/MutexServiceBase.h>
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <cerrno>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <new>
 #include <thread>
 #include <typeinfo>
 #include <vector>
@@ -193,17 +192,13 @@ TEST(IpcCondVarTest, LosesNothingBetweenProcesses) {
     struct Shared {
         IpcMutexService mutex;
         IpcCondVarService changed;
-        int produced;
-        int consumed;
+        int produced = 0;
+        int consumed = 0;
     };
-    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(memory, MAP_FAILED);
-    auto* const shared = new (memory) Shared;
-    shared->produced = 0;
-    shared->consumed = 0;
+    const SharedObject<Shared> shared;
     shared->mutex.Init(false);
     {
-        Child consumer([shared] {
+        Child consumer([&] {
             const MutexGuard guard(shared->mutex);
             while (shared->consumed < messages) {
                 while (shared->consumed == shared->produced) {
@@ -231,7 +226,6 @@ TEST(IpcCondVarTest, LosesNothingBetweenProcesses) {
     shared->mutex.Unlock();
     shared->changed.Destroy();
     shared->mutex.Destroy();
-    munmap(memory, sizeof(Shared));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "support/Child.h"
 #include "support/FactoryTest.h"
 #include "support/FailingCall.h"
+#include "support/SharedObject.h"
+#include "support/ThreadStat.h"
 #include "support/Throws.h"
 
 #include <Kel/System/Ve/Exceptions/VeException.h>
@@ -11,21 +13,15 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <future>
-#include <iterator>
 #include <memory>
-#include <new>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
 using Kel::System::Ve::IMutexService;
 using Kel::System::Ve::Exceptions::VeException;
@@ -34,17 +30,8 @@ using Kel::System::Ve::Internal::Linux::MutexService;
 
 namespace {
 
-// The kernel's own view of this thread's priority, which an inherited one shows in: 20 for a normal thread, -1 - n for
-// real-time priority n.
-int KernelPriority() {
-    std::ifstream file("/proc/self/task/" + std::to_string(gettid()) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    // After the name in brackets comes the third field; the priority is the 18th.
-    std::istringstream fields(line.substr(line.rfind(')') + 1));
-    const std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
-    return std::stoi(values.at(15));
-}
+// An inherited priority shows here: 20 is that of a normal thread, -1 - n that of real-time priority n.
+int KernelPriority() { return std::stoi(ThreadStat(gettid(), 18)); }
 
 // Both mutexes behave alike; `T` is one of them.
 template <typename T>
@@ -254,13 +241,10 @@ TEST(IpcMutexTest, ExcludesOtherProcesses) {
         IpcMutexService mutex;
         int counter;
     };
-    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(memory, MAP_FAILED);
-    auto* const shared = new (memory) Shared;
-    shared->counter = 0;
+    const SharedObject<Shared> shared;
     shared->mutex.Init(false);
     shared->mutex.Lock();
-    const auto count = [shared] {
+    const auto count = [&] {
         for (int i = 0; i < 20000; ++i) {
             shared->mutex.Lock();
             ++shared->counter;
@@ -268,18 +252,15 @@ TEST(IpcMutexTest, ExcludesOtherProcesses) {
         }
         return 0;
     };
-    EXPECT_EQ(Child([shared] { return !shared->mutex.TryLock() && shared->mutex.TimedLock(0) == -1 ? 0 : 1; }).Wait(),
-              0);
-    {
-        Child first(count);
-        Child second(count);
-        shared->mutex.Unlock();
-        EXPECT_EQ(first.Wait(), 0);
-        EXPECT_EQ(second.Wait(), 0);
-    }
+    Child looker([&] { return !shared->mutex.TryLock() && shared->mutex.TimedLock(0) == -1 ? 0 : 1; });
+    EXPECT_EQ(looker.Wait(), 0);
+    Child first(count);
+    Child second(count);
+    shared->mutex.Unlock();
+    EXPECT_EQ(first.Wait(), 0);
+    EXPECT_EQ(second.Wait(), 0);
     EXPECT_EQ(shared->counter, 40000);
     shared->mutex.Destroy();
-    munmap(memory, sizeof(Shared));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "support/FactoryTest.h"
 #include "support/FailingCall.h"
+#include "support/ThreadStat.h"
 #include "support/Throws.h"
 
 #include <Kel/System/Ve/Exceptions/VeException.h>
@@ -20,7 +21,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -369,14 +369,6 @@ TEST_F(ThreadTest, SleepsThroughInterruptions) {
 
 std::atomic<int> signals{0};
 
-// The state in which the kernel has a thread of this process: S when it sleeps.
-char StateOf(pid_t thread) {
-    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    return line.at(line.rfind(')') + 2);
-}
-
 TEST_F(ThreadTest, StartGoesOnWhenASignalInterruptsIt) {
     struct sigaction action {};
     action.sa_handler = [](int) { ++signals; };
@@ -387,11 +379,11 @@ TEST_F(ThreadTest, StartGoesOnWhenASignalInterruptsIt) {
     {
         // The new thread interrupts the starter's wait before it goes on.
         FailingCall naming("pthread_setname_np", [=] {
-            while (StateOf(starterId) != 'S') {
+            while (ThreadStat(starterId, 3) != "S") {
                 std::this_thread::yield();
             }
             pthread_kill(starter, SIGUSR1);
-            while (signals == 0 || StateOf(starterId) != 'S') {
+            while (signals == 0 || ThreadStat(starterId, 3) != "S") {
                 std::this_thread::yield();
             }
         });

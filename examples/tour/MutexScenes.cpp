@@ -1,4 +1,5 @@
 #include "Scenes.h"
+#include "ThreadFacts.h"
 
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/IMutexService.h>
@@ -12,33 +13,14 @@
 
 #include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <new>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 using Kel::System::Ve::IMutexService;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::IpcMutexService;
-
-namespace {
-
-// The priority that the kernel runs this thread with: 20 for a normal thread, below 0 for a real-time one.
-int KernelPriority() {
-    std::ifstream file("/proc/self/task/" + std::to_string(gettid()) + "/stat");
-    std::string text;
-    std::getline(file, text);
-    // After the name in brackets comes the third field; the priority is the 18th.
-    std::istringstream fields(text.substr(text.rfind(')') + 1));
-    const std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
-    return std::stoi(values.at(15));
-}
-
-}  // namespace
 
 void ShowMutexes(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Mutexes: one thread at a time");
@@ -69,7 +51,7 @@ void ShowMutexes(Narrator& narrator, ServiceFactory& factory) {
 void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Priority inheritance: who holds a mutex is as urgent as who waits for it");
     const std::unique_ptr<IMutexService> mutex(factory.CreateMutex(false));
-    const int before = KernelPriority();
+    const int before = ThreadFacts(gettid()).currentPriority;
     mutex->Lock();
     narrator.Say("A normal thread holds a mutex; the kernel runs it with priority " + std::to_string(before) + ".");
 
@@ -97,13 +79,13 @@ void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     }
     narrator.Say("A real-time thread of priority 50 now waits for it.");
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    int boosted = KernelPriority();
+    int boosted = ThreadFacts(gettid()).currentPriority;
     while (boosted == before && std::chrono::steady_clock::now() < end) {
         std::this_thread::yield();
-        boosted = KernelPriority();
+        boosted = ThreadFacts(gettid()).currentPriority;
     }
     mutex->Unlock();
-    const int after = KernelPriority();
+    const int after = ThreadFacts(gettid()).currentPriority;
     pthread_join(realTimeThread, nullptr);
     narrator.Check(boosted == -51,
                    "while it waits, the holder runs with its priority (" + std::to_string(boosted) + ")");
