@@ -1,22 +1,6 @@
-#include "support/FactoryTest.h"
-#include "support/FailingCall.h"
-#include "support/Throws.h"
+#include "support/Test.h"
 
-#include <Kel/Core/AppDomain.h>
-#include <Kel/Core/AppDomainSingleton.h>
-#include <Kel/Core/BasicVersion.h>
-#include <Kel/Core/EnumDictionary.h>
-#include <Kel/System/Ve/ServiceType.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
 #include <sstream>
-#include <string>
-
-using Kel::AppDomain;
-using Kel::Exception;
-using Kel::System::Ve::ServiceType;
 
 namespace {
 

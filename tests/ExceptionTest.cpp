@@ -1,34 +1,14 @@
-#include "support/FailingCall.h"
-#include "support/Throws.h"
-
-#include <Kel/Core/BasicStringFormatExceptionHandler.h>
-#include <Kel/Core/Exception.h>
-#include <Kel/Core/RuntimeTypeInfo.h>
-#include <Kel/System/Ve/Exceptions/AccessDeniedException.h>
-#include <Kel/System/Ve/Exceptions/AlreadyExistsException.h>
-#include <Kel/System/Ve/Exceptions/InvalidPathException.h>
-#include <Kel/System/Ve/Exceptions/NotExistException.h>
-#include <Kel/System/Ve/Exceptions/VeException.h>
-
-#include <gtest/gtest.h>
+#include "support/Test.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <memory>
-#include <string>
 #include <string_view>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
 
-using Kel::BasicString;
-using Kel::Exception;
-using Kel::FinishedText;
-using Kel::RuntimeTypeInfo;
 using Kel::System::Core::Impl::BasicStringFormatExceptionHandler;
-using namespace Kel::System::Ve::Exceptions;
 
 namespace {
 

@@ -122,11 +122,17 @@ FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
 
 FailingAllocation::~FailingAllocation() { allocationsLeft = -1; }
 
-void ExpectFailures(const std::vector<Failure>& table) {
+void ExpectFailures(Told told, const std::vector<Failure>& table) {
+    const std::intptr_t results[] = {EINVAL, -1, 0, EINVAL};
+    const std::string error = told == Told::ByCode ? "Invalid argument" : "Permission denied";
     for (const Failure& row : table) {
         SCOPED_TRACE(row.function);
-        const FailingCall call(row.function, row.result, row.errnoAfter);
-        EXPECT_TRUE(Throws<Kel::System::Ve::Exceptions::VeException>(row.operation, row.message));
+        std::string message = row.message;
+        if (const auto place = message.find("{}"); place != std::string::npos) {
+            message.replace(place, 2, error);
+        }
+        const FailingCall call(row.function, results[static_cast<std::size_t>(told)], EACCES);
+        EXPECT_TRUE(Throws<Kel::System::Ve::Exceptions::VeException>(row.operation, message));
     }
 }
 

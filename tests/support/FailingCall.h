@@ -71,14 +71,18 @@ public:
     FailingAllocation& operator=(const FailingAllocation&) = delete;
 };
 
+/// How a call that fails tells so: by the code that it returns; by -1 or null, and errno; or, as far as the message
+/// goes, by errno although it returns a code.
+enum class Told { ByCode, ByErrno, ByNullAndErrno, ByErrnoBesideCode };
+
 /// One row of a table of failures.
 struct Failure {
     const char* function;
-    std::intptr_t result;
-    int errnoAfter;
     std::function<void()> operation;
+    /// "{}" stands for the text of the error.
     std::string message;
 };
 
-/// Runs each row: the operation must throw VeException with exactly the row's message when its call fails.
-void ExpectFailures(const std::vector<Failure>& table);
+/// Runs each row: the operation must throw VeException with exactly the row's message when its call fails. A code that
+/// is returned is EINVAL (22), errno is EACCES, also when it is not errno that tells.
+void ExpectFailures(Told told, const std::vector<Failure>& table);

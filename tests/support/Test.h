@@ -1,0 +1,59 @@
+#pragma once
+
+// What every test needs.
+
+#include "Child.h"
+#include "FactoryTest.h"
+#include "FailingCall.h"
+#include "Throws.h"
+
+#include <Kel/Core/AppDomain.h>
+#include <Kel/Core/AppDomainSingleton.h>
+#include <Kel/Core/BasicString.h>
+#include <Kel/Core/BasicStringFormatExceptionHandler.h>
+#include <Kel/Core/BasicVersion.h>
+#include <Kel/Core/EnumDictionary.h>
+#include <Kel/Core/Exception.h>
+#include <Kel/Core/RuntimeTypeInfo.h>
+#include <Kel/System/Ve/Exceptions/AccessDeniedException.h>
+#include <Kel/System/Ve/Exceptions/AlreadyExistsException.h>
+#include <Kel/System/Ve/Exceptions/InvalidPathException.h>
+#include <Kel/System/Ve/Exceptions/NotExistException.h>
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/Linux/ConditionVariableService.h>
+#include <Kel/System/Ve/Internal/Linux/IpcCondVarService.h>
+#include <Kel/System/Ve/Internal/Linux/IpcMutexService.h>
+#include <Kel/System/Ve/Internal/Linux/LinuxServiceFactory.h>
+#include <Kel/System/Ve/Internal/Linux/MutexService.h>
+#include <Kel/System/Ve/Internal/Linux/RWLockService.h>
+#include <Kel/System/Ve/Internal/Linux/SemaphoreService.h>
+#include <Kel/System/Ve/Internal/Linux/ThreadService.h>
+#include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
+#include <Kel/System/Ve/Internal/Linux/TimerService.h>
+#include <Kel/System/Ve/Internal/MutexGuard.h>
+#include <Kel/System/Ve/Internal/ServiceFactory.h>
+#include <Kel/System/Ve/Internal/ServiceObjectBase.h>
+#include <Kel/System/Ve/ServiceType.h>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace Kel;
+using namespace Kel::System::Ve;
+using namespace Kel::System::Ve::Exceptions;
+using namespace Kel::System::Ve::Internal;
+using namespace Kel::System::Ve::Internal::Linux;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using std::chrono::system_clock;
