@@ -2,6 +2,7 @@
 #include "support/UniqueName.h"
 
 #include <semaphore.h>
+#include <sys/stat.h>
 
 #include <optional>
 #include <type_traits>
@@ -49,10 +50,15 @@ TEST_F(SemaphoreTest, WaitWithoutLimitEndsWithAPost) {
 }
 
 TEST_F(SemaphoreTest, NameLivesAsLongAsItsCreator) {
+    const mode_t mask = umask(0);
     std::optional<SemaphoreService> creator(std::in_place, name, 1);
     EXPECT_EQ(creator->GetName(), name);
+    struct stat status {};
+    EXPECT_EQ(stat(("/dev/shm/sem." + name.substr(1)).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0666U);
     EXPECT_TRUE(Throws<AlreadyExistsException>([&] { SemaphoreService(name, 1); },
                                                "SemaphoreService: Semaphore with name " + name + " already exists."));
+    umask(mask);
     { const SemaphoreService closedAgain(name); }
     SemaphoreService opener(name);
     creator.reset();

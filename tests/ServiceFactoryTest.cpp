@@ -1,4 +1,5 @@
 #include "support/Test.h"
+#include "support/UniqueName.h"
 
 #include <cstddef>
 #include <iostream>
@@ -150,6 +151,32 @@ TEST_F(ServiceFactoryTest, ListsLiveServiceObjects) {
         EXPECT_EQ(second->GetServiceType(), ServiceType::Mutex);
     }
     EXPECT_EQ(LiveObjects(), 0U);
+}
+
+TEST_F(ServiceFactoryTest, MakesServicesThatKnowWhatTheyAre) {
+    const BasicString name = UniqueName("factory");
+    const std::unique_ptr<ISemaphoreService> named(factory->CreateSemaphore(name, 0));
+    const struct {
+        IServiceObject* object;
+        const char* name;
+        ServiceType type;
+    } table[] = {
+        {factory->CreateMutex(false), "MutexService", ServiceType::Mutex},
+        {factory->CreateSemaphore(0), "SemaphoreService", ServiceType::Semaphore},
+        {factory->CreateSemaphore(name), "SemaphoreService", ServiceType::Semaphore},
+        {factory->CreateTimer(0, "", 0, nullptr, nullptr, 0), "TimerService", ServiceType::Timer},
+        {factory->CreateThread(nullptr), "ThreadService", ServiceType::Thread},
+        {factory->CreateThread(nullptr, nullptr), "ThreadService", ServiceType::Thread},
+        {factory->CreateThread(nullptr, nullptr, "", 0, 0, 0), "ThreadService", ServiceType::Thread},
+        {factory->CreateRWLock(), "RWLockService", ServiceType::RWLock},
+        {factory->CreateConditionVariable(), "CondVariableService", ServiceType::ConditionVariable},
+    };
+    for (const auto& row : table) {
+        const std::unique_ptr<IServiceObject> object(row.object);
+        EXPECT_EQ(object->GetServiceName(), row.name);
+        EXPECT_EQ(object->GetServiceType(), row.type);
+        EXPECT_EQ(factory->GetRegisteredServiceObjects().count(row.object), 1U);
+    }
 }
 
 TEST_F(ServiceFactoryTest, CountsEveryRegistrationAndRelease) {

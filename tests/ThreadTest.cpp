@@ -123,9 +123,12 @@ TEST_F(ThreadTest, ChangesTheRunningThread) {
     const std::unique_ptr<ISemaphoreService> go(factory->CreateSemaphore(0));
     char name[16] = "";
     cpu_set_t processors;
+    int policy = -1;
+    sched_param parameters{};
     std::function<void()> look = [&] {
         go->Wait(0);
         pthread_getname_np(pthread_self(), name, sizeof name);
+        pthread_getschedparam(pthread_self(), &policy, &parameters);
         processors = OwnAffinity();
     };
     const auto thread = Make(look, "before", 0, 1);
@@ -158,6 +161,17 @@ TEST_F(ThreadTest, ChangesTheRunningThread) {
     EXPECT_STREQ(name, "the name after,");
     cpu_set_t own = OwnAffinity();
     EXPECT_TRUE(CPU_COUNT(&processors) == CPU_COUNT(&own) || CPU_COUNT(&processors) == 10);
+    thread->StartThread();
+    try {
+        thread->SetPriority(7);
+    } catch (const VeException&) {
+        go->Post();
+        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
+    }
+    go->Post();
+    thread->Join();
+    EXPECT_EQ(policy, SCHED_FIFO);
+    EXPECT_EQ(parameters.sched_priority, 7);
 }
 
 TEST_F(ThreadTest, FailedStepsOfAStartAreReported) {
@@ -183,6 +197,11 @@ TEST_F(ThreadTest, FailedStepsOfAStartAreReported) {
         ExpectFailures(Told::ByCode, {{row.function, start, message(row.step)}});
         EXPECT_EQ(LiveObjects(), 1U);
         ExpectNothingToJoin(*thread);
+    }
+    {
+        const std::string noSemaphore = "StartThread: Could not allocate semIsStartedPtr, linux error code: Success";
+        const FailingAllocation allocation(0);
+        EXPECT_TRUE(Throws<VeException>(start, noSemaphore));
     }
     ExpectFailures(Told::ByCode, {{"pthread_attr_init", start, message("Could not initialize thread attribute")}});
     // The semaphore has stayed.
@@ -281,6 +300,41 @@ TEST_F(ThreadTest, MayDeleteItsOwnObjectOnceItIsStarted) {
     done->Wait(0);
 }
 
+// Here of a thread and of a factory that has something to report.
+TEST_F(ThreadTest, MayBeCancelledInADestructorThatWaits) {
+    Child child([this] {
+        std::atomic<bool> done{false};
+        std::function<void()> destroy = [&] {
+            std::function<void()> nothing = [] {};
+            auto inner = Make(nothing);
+            inner->StartThread();
+            factory->CreateMutex(false);
+            pthread_cancel(pthread_self());
+            inner.reset();
+            ServiceFactory::DisposeServiceFactory();
+            done = true;
+            pthread_testcancel();
+            done = false;
+        };
+        auto* const thread = Make(destroy).release();
+        thread->StartThread();
+        thread->Join();
+        return done ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST_F(ThreadTest, ExceptionOfTheFunctionEndsTheProcess) {
+    Child child([this] {
+        std::function<void()> run = [] { throw VeException("from the function"); };
+        const auto thread = Make(run);
+        thread->StartThread();
+        thread->Join();
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 128 + SIGABRT);
+}
+
 TEST_F(ThreadTest, CannotJoinItself) {
     IThreadService* self = nullptr;
     bool refused = false;
@@ -366,7 +420,10 @@ TEST_F(ThreadTest, StartGoesOnWhenASignalInterruptsIt) {
 
 TEST_F(ThreadTest, IsNotCancelledBeforeTheStartHasEnded) {
     IThreadService* cancelled = nullptr;
-    FailingCall naming("pthread_setname_np", [&] { cancelled->Cancel(); });
+    FailingCall naming("pthread_setname_np", [&] {
+        cancelled->Cancel();
+        pthread_testcancel();
+    });
     naming.InAnyThread();
     std::atomic<bool> called{false};
     std::function<void()> run = [&] {

@@ -66,27 +66,49 @@ TEST_F(TimerTest, CallsAtOnceAndThenNeverBeforeItsDeadline) {
     }
 }
 
-TEST_F(TimerTest, MakesUpForCallsThatWereMissed) {
-    // The first call takes ten periods. Without the missed calls the 20th comes no earlier than 29 periods after the
-    // start, with them after 19.
-    std::atomic<int> calls{0};
-    std::function<void()> handler = [&] {
+TEST_F(TimerTest, SkipsNoDeadlineWhenACallTakesTooLong) {
+    std::function<void()> handler = [calls = 0]() mutable {
         const auto begin = steady_clock::now();
-        while (calls == 0 && steady_clock::now() - begin < milliseconds(500)) {
+        while (calls == 0 && steady_clock::now() - begin < milliseconds(10)) {
         }
         ++calls;
-        called.Post();
     };
-    const auto timer = Make(50000, handler);
-    const auto start = steady_clock::now();
+    const RecordedDeadlines recorded;
+    const auto timer = Make(1000, handler);
     timer->Start();
-    for (int i = 0; i < 20; ++i) {
-        called.Wait(0);
-    }
-    const auto elapsed = steady_clock::now() - start;
+    const auto deadlines = recorded.Get(30);
     timer->Stop();
-    EXPECT_GE(elapsed, 19 * milliseconds(50));
-    EXPECT_LT(elapsed, 29 * milliseconds(50));
+    for (std::size_t i = 1; i < deadlines.size(); ++i) {
+        EXPECT_EQ(deadlines[i] - deadlines[i - 1], 1000000);
+    }
+}
+
+TEST_F(TimerTest, WaitsAPeriodOfAnyLength) {
+    for (const unsigned int period : {1000000U, 2500000U, 4294967295U}) {
+        steady_clock::time_point call;
+        std::function<void()> handler = [&] { call = steady_clock::now(); };
+        const RecordedDeadlines recorded;
+        const auto timer = Make(period, handler);
+        const auto start = steady_clock::now();
+        timer->Start();
+        const std::chrono::nanoseconds deadline(recorded.Get(1)[0]);
+        timer->Stop();
+        EXPECT_GE(deadline, start.time_since_epoch() + std::chrono::microseconds(period));
+        EXPECT_LE(deadline, call.time_since_epoch() + std::chrono::microseconds(period));
+    }
+}
+
+TEST_F(TimerTest, WaitsAgainWhenWokenWithoutReason) {
+    const RecordedDeadlines recorded;
+    FailingCall woken("pthread_cond_timedwait", 0, 0);
+    woken.InAnyThread();
+    const auto timer = Make(tenSeconds, post);
+    timer->Start();
+    // The wait after the one that ended without reason.
+    recorded.Get(1);
+    EXPECT_TRUE(called.TryWait());
+    EXPECT_FALSE(called.TryWait());
+    timer->Stop();
 }
 
 TEST_F(TimerTest, RunsWithoutPauseOrHandler) {
@@ -231,16 +253,12 @@ TEST_F(TimerTest, StartThatFailsLeavesWhatItSays) {
                                     "argument"));
 }
 
-TEST_F(TimerTest, MayBeStoppedRestartedAndDeletedByItsHandler) {
+TEST_F(TimerTest, MayBeStoppedAndDeletedByItsHandler) {
     std::unique_ptr<ITimerService> timer;
-    int calls = 0;
-    std::function<void()> handler = [&] {
-        ++calls;
-        if (calls < 10) {
+    std::function<void()> handler = [&, calls = 0]() mutable {
+        if (++calls == 1) {
             timer->Stop();
-            timer->Start();
-        } else if (calls == 10) {
-            timer->Stop();
+            EXPECT_TRUE(Throws<VeException>([&] { timer->Start(); }, "Start: Timer was started yet!"));
         } else {
             timer.reset();
         }
@@ -248,12 +266,71 @@ TEST_F(TimerTest, MayBeStoppedRestartedAndDeletedByItsHandler) {
     };
     timer = Make(0, handler);
     timer->Start();
-    for (int i = 0; i < 10; ++i) {
-        called.Wait(0);
-    }
+    called.Wait(0);
     timer->Start();
     called.Wait(0);
-    EXPECT_EQ(calls, 11);
+    EXPECT_FALSE(called.TryWait());
+}
+
+TEST_F(TimerTest, StopWaitsForACallThatHasStoppedTheTimerItself) {
+    SemaphoreService leave(0);
+    std::atomic<bool> ended{false};
+    std::unique_ptr<ITimerService> timer;
+    std::function<void()> handler = [&] {
+        timer->Stop();
+        called.Post();
+        leave.Wait(0);
+        ended = true;
+    };
+    timer = Make(0, handler);
+    timer->Start();
+    called.Wait(0);
+    std::thread stop([&] {
+        timer->Stop();
+        EXPECT_TRUE(ended);
+    });
+    leave.Post();
+    stop.join();
+}
+
+// Another thread comes in between when this one is about to wait for the end of the timer's thread.
+TEST_F(TimerTest, StopDoesNotWaitForATimerThatHasBeenStartedAgain) {
+    const auto timer = Make(tenSeconds, post);
+    timer->Start();
+    {
+        const auto restart = [&] {
+            std::thread([&] {
+                timer->Stop();
+                timer->Start();
+            }).join();
+        };
+        const FailingCall between("pthread_mutex_lock", restart, 3);
+        timer->Stop();
+    }
+    EXPECT_TRUE(Throws<VeException>([&] { timer->Start(); }, "Start: Timer was started yet!"));
+}
+
+TEST_F(TimerTest, StartEndsATimerThatAnotherStartHasLeftRunning) {
+    const auto timer = Make(tenSeconds, post);
+    const auto failToStart = [&] {
+        std::thread([&] {
+            const FailingCall naming("pthread_setname_np", EINVAL, EACCES);
+            EXPECT_THROW(timer->Start(), VeException);
+        }).join();
+    };
+    const FailingCall between("pthread_mutex_lock", failToStart, 5);
+    timer->Start();
+}
+
+TEST_F(TimerTest, ExceptionOfTheHandlerEndsTheProcess) {
+    Child child([this] {
+        std::function<void()> handler = [] { throw VeException("from the handler"); };
+        const auto timer = Make(0, handler);
+        timer->Start();
+        called.Wait(0);
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 128 + SIGABRT);
 }
 
 TEST_F(TimerTest, FailedConstructionLeavesNothingBehind) {
@@ -268,6 +345,14 @@ TEST_F(TimerTest, FailedConstructionLeavesNothingBehind) {
 TEST(LatencyTargetTest, FailedCallsAreReported) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
+    {
+        // What is written is a target of 0.
+        const FailingCall opened("open64", ends[1], 0);
+        TimerService::SetLatencyTarget();
+        char written[8] = "xxxxxxx";
+        EXPECT_EQ(read(ends[0], written, sizeof written), 4);
+        EXPECT_EQ(std::string(written, 4), std::string(4, '\0'));
+    }
     ExpectFailures(Told::ByErrno, {{"open64", [] { TimerService::SetLatencyTarget(); },
                                     "SetLatencyTarget: Could not open /dev/cpu_dma_latency: {}"}});
     {

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -27,6 +28,18 @@ std::atomic<FailingCall*> armedCallOfAnyThread{nullptr};
 std::atomic<long> wallClockJump{0};
 thread_local std::optional<timespec> stoppedClock;
 thread_local int allocationsLeft = -1;
+
+std::atomic<bool> recordsDeadlines{false};
+std::atomic<std::size_t> recordedDeadlines{0};
+std::array<std::atomic<long long>, 64> deadlines;
+
+const timespec* Record(const timespec* deadline) {
+    if (recordsDeadlines && recordedDeadlines < deadlines.size()) {
+        deadlines[recordedDeadlines] = deadline->tv_sec * 1000000000LL + deadline->tv_nsec;
+        ++recordedDeadlines;
+    }
+    return deadline;
+}
 
 int Adjust(clockid_t clock, timespec* time, int result) {
     if (stoppedClock) {
@@ -68,8 +81,8 @@ FailingCall::FailingCall(const char* functionName, std::intptr_t callResult, int
     armedCall = this;
 }
 
-FailingCall::FailingCall(const char* functionName, std::function<void()> callHook)
-    : function(functionName), result(0), errnoAfter(0), skip(0), hook(std::move(callHook)) {
+FailingCall::FailingCall(const char* functionName, std::function<void()> callHook, int callsToSkip)
+    : function(functionName), result(0), errnoAfter(0), skip(callsToSkip), hook(std::move(callHook)) {
     armedCall = this;
 }
 
@@ -117,6 +130,20 @@ StoppedClock::~StoppedClock() { stoppedClock.reset(); }
 WallClockJump::WallClockJump(long seconds) { wallClockJump = seconds; }
 
 WallClockJump::~WallClockJump() { wallClockJump = 0; }
+
+RecordedDeadlines::RecordedDeadlines() {
+    recordedDeadlines = 0;
+    recordsDeadlines = true;
+}
+
+RecordedDeadlines::~RecordedDeadlines() { recordsDeadlines = false; }
+
+std::vector<long long> RecordedDeadlines::Get(std::size_t count) const {
+    while (recordedDeadlines < count) {
+        std::this_thread::yield();
+    }
+    return {deadlines.begin(), deadlines.begin() + static_cast<std::ptrdiff_t>(count)};
+}
 
 FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
 
@@ -179,7 +206,7 @@ INTERCEPT(int, pthread_cond_init, (pthread_cond_t* a, const pthread_condattr_t* 
 INTERCEPT(int, pthread_cond_signal, (pthread_cond_t* a), next(a))
 INTERCEPT(int, pthread_cond_broadcast, (pthread_cond_t* a), next(a))
 INTERCEPT(int, pthread_cond_wait, (pthread_cond_t* a, pthread_mutex_t* b), next(a, b))
-INTERCEPT(int, pthread_cond_timedwait, (pthread_cond_t* a, pthread_mutex_t* b, const timespec* c), next(a, b, c))
+INTERCEPT(int, pthread_cond_timedwait, (pthread_cond_t* a, pthread_mutex_t* b, const timespec* c), next(a, b, Record(c)))
 INTERCEPT(int, pthread_cond_destroy, (pthread_cond_t* a), next(a))
 INTERCEPT(int, sem_init, (sem_t* a, int b, unsigned int c), next(a, b, c))
 INTERCEPT(sem_t*, sem_open, (const char* a, int b, mode_t c, unsigned int d), next(a, b, c, d))
@@ -223,4 +250,12 @@ void* operator new(std::size_t size) {
     }
     static std::atomic<void* (*)(std::size_t)> found{nullptr};
     return Next(found, sizeof(size) == 8 ? "_Znwm" : "_Znwj")(size);
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }

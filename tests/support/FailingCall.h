@@ -18,7 +18,7 @@ public:
     FailingCall(const char* function, std::intptr_t result, int errnoAfter, int skip = 0);
 
     /// The call goes through, but runs `hook` before.
-    FailingCall(const char* function, std::function<void()> hook);
+    FailingCall(const char* function, std::function<void()> hook, int skip = 0);
 
     /// Makes it the call of whichever thread comes first; then none is skipped, and another call of this thread may be
     /// made to fail beside it.
@@ -59,6 +59,19 @@ public:
 
     WallClockJump(const WallClockJump&) = delete;
     WallClockJump& operator=(const WallClockJump&) = delete;
+};
+
+/// While it lives, records the deadlines of all timed waits on condition variables, in nanoseconds.
+class RecordedDeadlines {
+public:
+    RecordedDeadlines();
+    ~RecordedDeadlines();
+
+    RecordedDeadlines(const RecordedDeadlines&) = delete;
+    RecordedDeadlines& operator=(const RecordedDeadlines&) = delete;
+
+    /// Waits for the first `count` of them.
+    std::vector<long long> Get(std::size_t count) const;
 };
 
 /// Fails the `skip`+1st allocation with std::bad_alloc; one that was never made does not fail the test.

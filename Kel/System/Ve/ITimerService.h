@@ -46,7 +46,7 @@ public:
 
     /// Starts the timer; the handler is first called at once. A real-time priority needs the right to it; without, this
     /// throws. When only the name or the processors could not be set, the timer runs all the same, until it is started
-    /// again or deleted. Throws when the timer has been started already.
+    /// again or deleted. Throws when the timer has been started already, and when called by its own handler.
     virtual void Start() = 0;
 
     /// Stops the timer: returns when the handler call in progress has ended, and no other follows. Does nothing when

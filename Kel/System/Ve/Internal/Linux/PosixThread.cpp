@@ -78,9 +78,10 @@ PosixThread::~PosixThread() {
         return;
     }
     const MutexGuard guard(state->lock);
-    if (!state->joining) {
-        pthread_detach(state->thread);
-    }
+    pthread_detach(state->thread);
+    // For those who wait to join it.
+    state->thread = 0;
+    pthread_cond_broadcast(&state->changed);
 }
 
 int PosixThread::Create(const pthread_attr_t& attributes, void* (*function)(void*), void* argument) {
@@ -114,37 +115,45 @@ void* PosixThread::Run(void* launchArgument) {
     return result;
 }
 
-int PosixThread::Join() {
+int PosixThread::Join() { return Join(GetGeneration()); }
+
+int PosixThread::Join(unsigned int generation) {
+    // Kept until the end, also when the thread destroys this object meanwhile.
+    const std::shared_ptr<State> shared = state;
     pthread_t thread{};
-    unsigned int generation = 0;
     {
-        const MutexGuard guard(state->lock);
-        if (state->thread != 0 && pthread_equal(state->thread, pthread_self()) != 0) {
+        const MutexGuard guard(shared->lock);
+        if (shared->thread != 0 && pthread_equal(shared->thread, pthread_self()) != 0) {
             return EDEADLK;
         }
-        generation = state->generation;
+        const auto isThere = [&] { return shared->thread != 0 && shared->generation == generation; };
         // A thread that is cancelled in here leaves everything as it was; in pthread_join, on 32-bit ARM, it would not
         // even unwind. So that is called only when the thread has as good as ended.
-        while (state->thread != 0 && state->generation == generation && (state->running || state->joining)) {
-            pthread_cond_wait(&state->changed, state->lock.GetNativeHandle());
+        while (isThere() && (shared->running || shared->joining)) {
+            pthread_cond_wait(&shared->changed, shared->lock.GetNativeHandle());
         }
-        if (state->thread == 0 || state->generation != generation) {
+        if (!isThere()) {
             return ESRCH;
         }
-        state->joining = true;
-        thread = state->thread;
+        shared->joining = true;
+        thread = shared->thread;
     }
     const CancellationDisabled disabled;
     const int code = pthread_join(thread, nullptr);
-    const MutexGuard guard(state->lock);
-    if (state->generation == generation) {
-        state->joining = false;
+    const MutexGuard guard(shared->lock);
+    if (shared->generation == generation) {
+        shared->joining = false;
         if (code == 0) {
-            state->thread = 0;
+            shared->thread = 0;
         }
-        pthread_cond_broadcast(&state->changed);
+        pthread_cond_broadcast(&shared->changed);
     }
     return code;
+}
+
+unsigned int PosixThread::GetGeneration() const {
+    const MutexGuard guard(state->lock);
+    return state->generation;
 }
 
 int PosixThread::Cancel() {

@@ -31,6 +31,12 @@ public:
     /// for it, too. EDEADLK when called by the thread itself. A cancellation point.
     int Join();
 
+    /// The same for the thread of that generation; ESRCH when another has been started since.
+    int Join(unsigned int generation);
+
+    /// Counts the threads that have been started.
+    unsigned int GetGeneration() const;
+
     /// Asks the thread to end (pthread_cancel). Does nothing when it has ended but has not been joined.
     int Cancel();
 

@@ -72,12 +72,11 @@ void ThreadService::StartThread() {
                           ErrorText(code));
     }
     hasNamedItself = false;
-    const Failure failure = Create(attributes);
-    if (failure.code != 0) {
-        pthread_attr_destroy(&attributes);
-        Fail(failure);
-    }
     try {
+        const Failure failure = Create(attributes);
+        if (failure.code != 0) {
+            Fail(failure);
+        }
         semIsStartedPtr->WaitThroughSignals();
     } catch (...) {
         pthread_attr_destroy(&attributes);

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <optional>
 
 namespace Kel::System::Ve::Internal::Linux {
 
@@ -67,9 +68,8 @@ void TimerService::SetLatencyTarget() {
 }
 
 void TimerService::Start() {
-    RefuseWhenStarted(isStarted);
-    // One that was stopped by its own handler, or that runs on after a start that failed.
-    EndThread();
+    // Also when its own handler has stopped it: that call has not ended yet, and no other may begin.
+    RefuseWhenStarted(isStarted || timerThread.IsCurrent());
 
     // The results are not looked at: what does not come through shows when the thread is made.
     pthread_attr_t attributes{};
@@ -84,8 +84,14 @@ void TimerService::Start() {
     auto launch = std::make_unique<Launch>(
         Launch{*this, std::make_shared<std::atomic<bool>>(true), GetPeriod(), handler, handlerArgument});
     // The thread takes it first of all: its handler is not called before the start has ended, one way or the other.
-    const MutexGuard untilTheEndOfTheStart(mutex);
-    RefuseWhenStarted(isStarted);
+    std::optional<MutexGuard<MutexService>> untilTheEndOfTheStart;
+    do {
+        // A thread that was stopped by its own handler, or that runs on after a start that failed.
+        untilTheEndOfTheStart.reset();
+        EndThread();
+        untilTheEndOfTheStart.emplace(mutex);
+        RefuseWhenStarted(isStarted);
+    } while (isRunning && *isRunning);
     CheckReturnedCode(timerThread.Create(attributes, &TimerThreadRun, launch.get()),
                       "{0}: Could not create posix-thread for timer, linux error code: {1}");
     isRunning = launch->isRunning;
@@ -99,8 +105,13 @@ void TimerService::Start() {
 }
 
 void TimerService::Stop() {
-    if (!isStarted) {
-        return;
+    {
+        const MutexGuard guard(mutex);
+        // Stopped by its own handler, its last call may still be in progress.
+        const bool hasBeenStopped = isRunning && !*isRunning;
+        if (!isStarted && !hasBeenStopped) {
+            return;
+        }
     }
     const std::shared_ptr<std::atomic<bool>> stopped = EndThread();
     const MutexGuard guard(mutex);
@@ -112,9 +123,11 @@ void TimerService::Stop() {
 
 std::shared_ptr<std::atomic<bool>> TimerService::EndThread() {
     std::shared_ptr<std::atomic<bool>> ended;
+    unsigned int generation = 0;
     {
         const MutexGuard guard(mutex);
         ended = isRunning;
+        generation = timerThread.GetGeneration();
         if (ended) {
             *ended = false;
             conditionVariable.NotifyOne();
@@ -122,7 +135,7 @@ std::shared_ptr<std::atomic<bool>> TimerService::EndThread() {
     }
     // The handler's own call cannot wait for itself.
     if (!timerThread.IsCurrent()) {
-        timerThread.Join();
+        timerThread.Join(generation);
     }
     return ended;
 }
