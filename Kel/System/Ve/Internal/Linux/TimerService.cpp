@@ -13,7 +13,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <optional>
 
 namespace Kel::System::Ve::Internal::Linux {
 
@@ -70,6 +69,19 @@ void TimerService::SetLatencyTarget() {
 void TimerService::Start() {
     // Also when its own handler has stopped it: that call has not ended yet, and no other may begin.
     RefuseWhenStarted(isStarted || timerThread.IsCurrent());
+    do {
+        // A thread that was stopped by its own handler, or that runs on after a start that failed.
+        EndThread();
+    } while (!StartThread());
+}
+
+bool TimerService::StartThread() {
+    // The new thread takes it first of all: its handler is not called before the start has ended, one way or the other.
+    const MutexGuard untilTheEndOfTheStart(mutex);
+    RefuseWhenStarted(isStarted);
+    if (isRunning && *isRunning) {
+        return false;
+    }
 
     // The results are not looked at: what does not come through shows when the thread is made.
     pthread_attr_t attributes{};
@@ -83,17 +95,8 @@ void TimerService::Start() {
 
     auto launch = std::make_unique<Launch>(
         Launch{*this, std::make_shared<std::atomic<bool>>(true), GetPeriod(), handler, handlerArgument});
-    // The thread takes it first of all: its handler is not called before the start has ended, one way or the other.
-    std::optional<MutexGuard<MutexService>> untilTheEndOfTheStart;
-    do {
-        // A thread that was stopped by its own handler, or that runs on after a start that failed.
-        untilTheEndOfTheStart.reset();
-        EndThread();
-        untilTheEndOfTheStart.emplace(mutex);
-        RefuseWhenStarted(isStarted);
-    } while (isRunning && *isRunning);
     CheckReturnedCode(timerThread.Create(attributes, &TimerThreadRun, launch.get()),
-                      "{0}: Could not create posix-thread for timer, linux error code: {1}");
+                      "{0}: Could not create posix-thread for timer, linux error code: {1}", "Start");
     isRunning = launch->isRunning;
     static_cast<void>(launch.release());
     pthread_attr_destroy(&attributes);
@@ -102,6 +105,7 @@ void TimerService::Start() {
         ChangeCpuAffinity(GetCPUAffinity());
     }
     isStarted = true;
+    return true;
 }
 
 void TimerService::Stop() {

@@ -38,6 +38,10 @@ private:
     struct Launch;
 
     void Run(const Launch& launch);
+
+    /// Returns false, and does nothing, when there is a thread that another start has left running.
+    bool StartThread();
+
     /// Ends the thread started last, if there is one; returns its flag.
     std::shared_ptr<std::atomic<bool>> EndThread();
 
