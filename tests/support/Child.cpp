@@ -12,6 +12,12 @@
 #include <system_error>
 #include <utility>
 
+// The thread sanitizer would end a child that starts threads when a detached thread of an earlier test has not quite
+// ended.
+extern "C" const char* __tsan_default_options() {
+    return "die_after_fork=0";
+}  // NOLINT(bugprone-reserved-identifier): the name that it looks for
+
 Child::Child(const std::function<int()>& function) : processId(fork()) {
     if (processId < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");
