@@ -14,9 +14,8 @@
 
 // The thread sanitizer would end a child that starts threads when a detached thread of an earlier test has not quite
 // ended.
-extern "C" const char* __tsan_default_options() {
-    return "die_after_fork=0";
-}  // NOLINT(bugprone-reserved-identifier): the name that it looks for
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name that it looks for.
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
 
 Child::Child(const std::function<int()>& function) : processId(fork()) {
     if (processId < 0) {
