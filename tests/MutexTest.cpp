@@ -175,34 +175,25 @@ TEST_F(MutexServiceTest, HolderInheritsThePriorityOfAWaitingThread) {
     const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(true));
     const int ownPriority = KernelPriority();
     mutex->Lock();
-    pthread_attr_t attributes;
-    ASSERT_EQ(pthread_attr_init(&attributes), 0);
-    ASSERT_EQ(pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED), 0);
-    ASSERT_EQ(pthread_attr_setschedpolicy(&attributes, SCHED_FIFO), 0);
-    const sched_param realTime{20};
-    ASSERT_EQ(pthread_attr_setschedparam(&attributes, &realTime), 0);
-    pthread_t waiting;
-    const int code = pthread_create(
-        &waiting, &attributes,
+    const std::unique_ptr<IThreadService> waiting(factory->CreateThread(
         [](void* argument) -> void* {
-            static_cast<IMutexService*>(argument)->Lock();
-            static_cast<IMutexService*>(argument)->Unlock();
+            const MutexGuard guard(*static_cast<IMutexService*>(argument));
             return nullptr;
         },
-        mutex.get());
-    pthread_attr_destroy(&attributes);
-    if (code == EPERM) {
+        mutex.get(), "", 20, 0, 0));
+    try {
+        waiting->StartThread();
+    } catch (const VeException& exception) {
         mutex->Unlock();
-        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
+        GTEST_SKIP() << needsRealTime << ": " << exception.what();
     }
-    ASSERT_EQ(code, 0);
     // Without inheritance this goes on until the runner's time limit.
     while (KernelPriority() != -21) {
         std::this_thread::yield();
     }
     mutex->Unlock();
     EXPECT_EQ(KernelPriority(), ownPriority);
-    ASSERT_EQ(pthread_join(waiting, nullptr), 0);
+    waiting->Join();
 }
 
 TEST(IpcMutexTest, ExcludesOtherProcesses) {

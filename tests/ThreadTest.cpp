@@ -105,7 +105,7 @@ TEST_F(ThreadTest, StartsWithItsSettings) {
     thread->SetThreadFunction(&Call);
     const sched_param realTime{10};
     if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &realTime) == EPERM) {
-        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
+        GTEST_SKIP() << needsRealTime;
     }
     const sched_param normal{0};
     thread->StartThread();
@@ -166,7 +166,7 @@ TEST_F(ThreadTest, ChangesTheRunningThread) {
         thread->SetPriority(7);
     } catch (const VeException&) {
         go->Post();
-        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
+        GTEST_SKIP() << needsRealTime;
     }
     go->Post();
     thread->Join();
@@ -509,7 +509,7 @@ TEST_F(ThreadTest, LowPriorityThreadGetsThroughWhenAHighOneWaits) {
     try {
         lowThread->StartThread();
     } catch (const VeException& exception) {
-        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO): " << exception.what();
+        GTEST_SKIP() << needsRealTime << ": " << exception.what();
     }
     held->Wait(0);
     middleThread->StartThread();

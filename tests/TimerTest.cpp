@@ -208,7 +208,7 @@ TEST_F(TimerTest, AppliesAndChangesItsSettings) {
     try {
         timer->Start();
     } catch (const VeException& exception) {
-        GTEST_SKIP() << "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO): " << exception.what();
+        GTEST_SKIP() << needsRealTime << ": " << exception.what();
     }
     called.Wait(0);
     timer->SetName("another name, cut");

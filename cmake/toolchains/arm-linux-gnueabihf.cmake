@@ -1,4 +1,4 @@
-# Cross build for 32-bit ARM, hard float, Thumb code. The sysroot is made by scripts/arm-sysroot; another one may be
+# Cross build for 32-bit ARM, hard float, Thumb code. The sysroot is made by scripts/arm-root; another one may be
 # named with -DCMAKE_SYSROOT=... or in the environment variable KEL_ARM_SYSROOT.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)

@@ -3,15 +3,13 @@
 
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/IMutexService.h>
+#include <Kel/System/Ve/IThreadService.h>
 #include <Kel/System/Ve/Internal/Linux/IpcMutexService.h>
 
-#include <pthread.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -19,6 +17,8 @@
 #include <thread>
 
 using Kel::System::Ve::IMutexService;
+using Kel::System::Ve::IThreadService;
+using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::IpcMutexService;
 
@@ -55,25 +55,18 @@ void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     mutex->Lock();
     narrator.Say("A normal thread holds a mutex; the kernel runs it with priority " + std::to_string(before) + ".");
 
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
-    const sched_param priority{50};
-    pthread_attr_setschedparam(&attributes, &priority);
-    pthread_t realTimeThread;
-    const int code = pthread_create(
-        &realTimeThread, &attributes,
+    const std::unique_ptr<IThreadService> realTimeThread(factory.CreateThread(
         [](void* argument) -> void* {
             static_cast<IMutexService*>(argument)->Lock();
             static_cast<IMutexService*>(argument)->Unlock();
             return nullptr;
         },
-        mutex.get());
-    pthread_attr_destroy(&attributes);
-    if (code != 0) {
+        mutex.get(), "tour-real-time", 50, 0, 0));
+    try {
+        realTimeThread->StartThread();
+    } catch (const VeException& exception) {
         mutex->Unlock();
-        narrator.Check(code == EPERM, "the system does not allow a real-time thread to wait for it");
+        narrator.Say(exception.GetMessage());
         narrator.SayHowToGetRealTime();
         return;
     }
@@ -86,7 +79,7 @@ void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     }
     mutex->Unlock();
     const int after = ThreadFacts(gettid()).currentPriority;
-    pthread_join(realTimeThread, nullptr);
+    realTimeThread->Join();
     narrator.Check(boosted == -51,
                    "while it waits, the holder runs with its priority (" + std::to_string(boosted) + ")");
     narrator.Check(after == before,

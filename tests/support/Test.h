@@ -54,6 +54,9 @@ using namespace Kel::System::Ve;
 using namespace Kel::System::Ve::Exceptions;
 using namespace Kel::System::Ve::Internal;
 using namespace Kel::System::Ve::Internal::Linux;
+/// Why a test is skipped.
+constexpr char needsRealTime[] = "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
+
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;

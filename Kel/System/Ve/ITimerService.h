@@ -49,8 +49,9 @@ public:
     /// again or deleted. Throws when the timer has been started already, and when called by its own handler.
     virtual void Start() = 0;
 
-    /// Stops the timer: returns when the handler call in progress has ended, and no other follows. Does nothing when
-    /// the timer is not started. Called by the handler itself it returns at once, and the handler is not called again.
+    /// Stops the timer: returns when the handler call in progress has ended, and no other follows. When the timer is
+    /// not started it does nothing but wait for a call that has stopped it itself. Called by the handler it returns at
+    /// once, and the handler is not called again.
     virtual void Stop() = 0;
 };
 
