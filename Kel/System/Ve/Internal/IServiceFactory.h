@@ -3,9 +3,14 @@
 #include <Kel/Core/BasicString.h>
 #include <Kel/Core/Export.h>
 #include <Kel/System/Ve/ICondVariableService.h>
+#include <Kel/System/Ve/IFileService.h>
+#include <Kel/System/Ve/IMessageQueueService.h>
 #include <Kel/System/Ve/IMutexService.h>
+#include <Kel/System/Ve/INetworkInterfaceInfo.h>
 #include <Kel/System/Ve/IRWLockService.h>
 #include <Kel/System/Ve/ISemaphoreService.h>
+#include <Kel/System/Ve/ISharedMemoryService.h>
+#include <Kel/System/Ve/ISocketService.h>
 #include <Kel/System/Ve/IThreadService.h>
 #include <Kel/System/Ve/ITimerService.h>
 
@@ -46,11 +51,45 @@ public:
     virtual IThreadService* CreateThread(void* (*function)(void*), void* argument, const BasicString& name,
                                          unsigned int priority, unsigned int cpuAffinity, unsigned int stackSize) = 0;
 
+    /// Creates or opens memory that processes share under a name, and maps `size` bytes of it.
+    virtual ISharedMemoryService* CreateSharedMemory(const BasicString& name, unsigned int size,
+                                                     ISharedMemoryService::mode mode) = 0;
+
+    /// Makes a socket. A local one binds and connects to names in the abstract namespace. When the system refuses a
+    /// blocking one, it has the descriptor -1, and all its operations fail.
+    virtual ISocketService* CreateSocket(ISocketService::SocketType type, ISocketService::SocketDomain domain,
+                                         ISocketService::SocketBlockingMode blockingMode) = 0;
+
+    /// Makes a socket of a descriptor, an int that `handle` points to. The object owns it from then on.
+    virtual ISocketService* CreateSocket(void* handle) = 0;
+
+    /// Makes a blocking local datagram socket that connects to socket files.
+    virtual ISocketService* CreateNonAbstractIpcSocket() = 0;
+
+    /// Opens a file. `syncOnClose` has its Close wait until the data is on the disk.
+    virtual IFileService* CreateFile(const BasicString& path, IFileService::FileMode mode,
+                                     IFileService::FileAccess access, bool syncOnClose) = 0;
+
     /// Makes a read-write lock for the threads of this process.
     virtual IRWLockService* CreateRWLock() = 0;
 
+    /// Opens a message queue that exists, to send and to receive. A queue that is not blocking never waits.
+    virtual IMessageQueueService* CreateMessageQueue(const BasicString& name, bool blocking) = 0;
+
+    /// Opens or creates a message queue. One that is created has the system's default size.
+    virtual IMessageQueueService* CreateMessageQueue(const BasicString& name, IMessageQueueService::OpenMode mode,
+                                                     IMessageQueueService::Access access, bool blocking) = 0;
+
+    /// The same. One that is created holds `maxMessageCount` messages of up to `maxMessageSize` bytes.
+    virtual IMessageQueueService* CreateMessageQueue(const BasicString& name, IMessageQueueService::OpenMode mode,
+                                                     IMessageQueueService::Access access, bool blocking,
+                                                     long maxMessageCount, long maxMessageSize) = 0;
+
     /// Makes a condition variable for the threads of this process.
     virtual ICondVariableService* CreateConditionVariable() = 0;
+
+    /// Reads the addresses of a network interface. Returns null when that fails, and then `error` says why.
+    virtual INetworkInterfaceInfo* CreateNetworkInterfaceInfo(const BasicString& interfaceName, BasicString& error) = 0;
 
 protected:
     IServiceFactory() = default;

@@ -6,6 +6,7 @@
 #include <Kel/Core/Exception.h>
 #include <Kel/Core/RuntimeTypeInfo.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/SocketServiceBase.h>
 #include <Kel/System/Ve/ServiceType.h>
 
 #include <iostream>
@@ -63,6 +64,7 @@ ServiceFactory::ServiceFactory() : version("2024.0.8 LTS", 24, 0, 8, 183, BasicS
     // Now, so that no later printing of a type has to make it.
     EnumDictionary<ServiceType>::GetInstance();
     registryMutex = CreateRegistryMutex();
+    SocketServiceBase::Startup();
 }
 
 ServiceFactory::~ServiceFactory() { PrintAllNotDestroyedServiceObjects(); }

@@ -5,7 +5,7 @@
 namespace Kel::System::Ve::Internal {
 
 ServiceObjectBase::ServiceObjectBase(const BasicString& serviceName, ServiceType type, bool registers)
-    : name(serviceName), serviceType(type), registered(registers) {
+    : nameOfService(serviceName), serviceType(type), registered(registers) {
     // Last: whatever threw after it would leave an entry without an object.
     if (registered) {
         ServiceFactory::GetInstance()->RegisterServiceObject(this);
@@ -18,7 +18,7 @@ ServiceObjectBase::~ServiceObjectBase() {
     }
 }
 
-const BasicString& ServiceObjectBase::GetServiceName() const { return name; }
+const BasicString& ServiceObjectBase::GetServiceName() const { return nameOfService; }
 
 ServiceType ServiceObjectBase::GetServiceType() const { return serviceType; }
 

@@ -24,7 +24,7 @@ protected:
     ~ServiceObjectBase() override;
 
 private:
-    BasicString name;
+    BasicString nameOfService;
     ServiceType serviceType;
     bool registered;
 };

@@ -1,9 +1,14 @@
 #include <Kel/System/Ve/Internal/Linux/LinuxServiceFactory.h>
 
 #include <Kel/System/Ve/Internal/Linux/ConditionVariableService.h>
+#include <Kel/System/Ve/Internal/Linux/FileService.h>
+#include <Kel/System/Ve/Internal/Linux/MessageQueueService.h>
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
+#include <Kel/System/Ve/Internal/Linux/NetworkInterfaceInfo.h>
 #include <Kel/System/Ve/Internal/Linux/RWLockService.h>
 #include <Kel/System/Ve/Internal/Linux/SemaphoreService.h>
+#include <Kel/System/Ve/Internal/Linux/SharedMemoryService.h>
+#include <Kel/System/Ve/Internal/Linux/SocketService.h>
 #include <Kel/System/Ve/Internal/Linux/ThreadService.h>
 #include <Kel/System/Ve/Internal/Linux/TimerService.h>
 
@@ -60,8 +65,52 @@ IThreadService* LinuxServiceFactory::CreateThread(void* (*function)(void*), void
     return new ThreadService(function, argument, name, priority, cpuAffinity, stackSize);
 }
 
+ISharedMemoryService* LinuxServiceFactory::CreateSharedMemory(const BasicString& name, unsigned int size,
+                                                              ISharedMemoryService::mode mode) {
+    return new SharedMemoryService(name, size, mode);
+}
+
+ISocketService* LinuxServiceFactory::CreateSocket(ISocketService::SocketType type, ISocketService::SocketDomain domain,
+                                                  ISocketService::SocketBlockingMode blockingMode) {
+    return new SocketService(type, domain, blockingMode, true);
+}
+
+ISocketService* LinuxServiceFactory::CreateSocket(void* handle) { return new SocketService(handle); }
+
+ISocketService* LinuxServiceFactory::CreateNonAbstractIpcSocket() {
+    return new SocketService(ISocketService::SocketType::Datagram, ISocketService::SocketDomain::Local,
+                             ISocketService::SocketBlockingMode::Blocking, false);
+}
+
+IFileService* LinuxServiceFactory::CreateFile(const BasicString& path, IFileService::FileMode mode,
+                                              IFileService::FileAccess access, bool syncOnClose) {
+    return new FileService(path, mode, access, syncOnClose);
+}
+
 IRWLockService* LinuxServiceFactory::CreateRWLock() { return new RWLockService(); }
 
+IMessageQueueService* LinuxServiceFactory::CreateMessageQueue(const BasicString& name, bool blocking) {
+    return new MessageQueueService(name, blocking);
+}
+
+IMessageQueueService* LinuxServiceFactory::CreateMessageQueue(const BasicString& name,
+                                                              IMessageQueueService::OpenMode mode,
+                                                              IMessageQueueService::Access access, bool blocking) {
+    return new MessageQueueService(name, mode, access, blocking);
+}
+
+IMessageQueueService* LinuxServiceFactory::CreateMessageQueue(const BasicString& name,
+                                                              IMessageQueueService::OpenMode mode,
+                                                              IMessageQueueService::Access access, bool blocking,
+                                                              long maxMessageCount, long maxMessageSize) {
+    return new MessageQueueService(name, mode, access, blocking, maxMessageCount, maxMessageSize);
+}
+
 ICondVariableService* LinuxServiceFactory::CreateConditionVariable() { return new ConditionVariableService(); }
+
+INetworkInterfaceInfo* LinuxServiceFactory::CreateNetworkInterfaceInfo(const BasicString& interfaceName,
+                                                                       BasicString& error) {
+    return NetworkInterfaceInfo::Create(interfaceName, error);
+}
 
 }  // namespace Kel::System::Ve::Internal::Linux

@@ -19,8 +19,23 @@ public:
     IThreadService* CreateThread(void* (*function)(void*), void* argument) override;
     IThreadService* CreateThread(void* (*function)(void*), void* argument, const BasicString& name,
                                  unsigned int priority, unsigned int cpuAffinity, unsigned int stackSize) override;
+    ISharedMemoryService* CreateSharedMemory(const BasicString& name, unsigned int size,
+                                             ISharedMemoryService::mode mode) override;
+    ISocketService* CreateSocket(ISocketService::SocketType type, ISocketService::SocketDomain domain,
+                                 ISocketService::SocketBlockingMode blockingMode) override;
+    ISocketService* CreateSocket(void* handle) override;
+    ISocketService* CreateNonAbstractIpcSocket() override;
+    IFileService* CreateFile(const BasicString& path, IFileService::FileMode mode, IFileService::FileAccess access,
+                             bool syncOnClose) override;
     IRWLockService* CreateRWLock() override;
+    IMessageQueueService* CreateMessageQueue(const BasicString& name, bool blocking) override;
+    IMessageQueueService* CreateMessageQueue(const BasicString& name, IMessageQueueService::OpenMode mode,
+                                             IMessageQueueService::Access access, bool blocking) override;
+    IMessageQueueService* CreateMessageQueue(const BasicString& name, IMessageQueueService::OpenMode mode,
+                                             IMessageQueueService::Access access, bool blocking, long maxMessageCount,
+                                             long maxMessageSize) override;
     ICondVariableService* CreateConditionVariable() override;
+    INetworkInterfaceInfo* CreateNetworkInterfaceInfo(const BasicString& interfaceName, BasicString& error) override;
 };
 
 }  // namespace Kel::System::Ve::Internal::Linux

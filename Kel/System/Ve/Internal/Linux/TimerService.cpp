@@ -2,6 +2,7 @@
 
 #include <Kel/Core/CancellationDisabled.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/Linux/FileDescriptor.h>
 #include <Kel/System/Ve/Internal/Linux/SystemCall.h>
 #include <Kel/System/Ve/Internal/MutexGuard.h>
 
@@ -53,17 +54,16 @@ TimerService::~TimerService() {
 
 void TimerService::SetLatencyTarget() {
     errno = 0;
-    const int descriptor = open("/dev/cpu_dma_latency", O_RDWR | O_CLOEXEC);
-    CheckErrno(descriptor, "{0}: Could not open /dev/cpu_dma_latency: {1}");
+    FileDescriptor descriptor(open("/dev/cpu_dma_latency", O_RDWR | O_CLOEXEC));
+    CheckErrno(descriptor.Get(), "{0}: Could not open /dev/cpu_dma_latency: {1}");
     errno = 0;
     const std::int32_t microseconds = 0;
-    if (write(descriptor, &microseconds, sizeof microseconds) > 0) {
+    if (write(descriptor.Get(), &microseconds, sizeof microseconds) > 0) {
         // Left open: the kernel keeps the request for as long.
+        descriptor.Release();
         return;
     }
-    const int errorNumber = errno;
-    close(descriptor);
-    ThrowFailure(errorNumber, "{0}: Could not write 0 cpu_dma latency: {1}");
+    ThrowFailure(errno, "{0}: Could not write 0 cpu_dma latency: {1}");
 }
 
 void TimerService::Start() {

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <Kel/Core/Export.h>
+#include <Kel/System/Ve/IServiceObject.h>
+
+namespace Kel::System::Ve {
+
+/// A queue of messages with priorities, known by its name to all processes of the user. Messages of higher priority
+/// come first, those of the same priority in the order in which they were sent. The queue and what is in it stay until
+/// it is unlinked, whoever has it open. All operations may be called from any thread. What fails throws VeException;
+/// once the queue is closed, everything does but Close and Unlink.
+class KEL_API IMessageQueueService : public virtual IServiceObject {
+public:
+    enum class OpenMode : int {
+        CreateNew = 0,
+        Open = 1,
+        OpenOrCreate = 2,
+    };
+
+    enum class Access : int {
+        ReadOnly = 0,
+        WriteOnly = 1,
+        ReadWrite = 2,
+    };
+
+    /// Returns whether Send waits for room and Receive for a message.
+    virtual bool IsBlocking() const = 0;
+
+    /// Returns how many messages are in the queue; there may be more or fewer by then.
+    virtual long GetMessageCount() const = 0;
+
+    /// Returns how many messages the queue holds at most.
+    virtual long GetMaxMessageCount() const = 0;
+
+    /// Returns how many bytes a message has at most.
+    virtual long GetMaxMessageSize() const = 0;
+
+    /// Puts a message of `length` bytes into the queue (mq_send, mq_timedsend). `priority` is 0 to 32767. `timeoutMs`
+    /// is the limit in milliseconds, on the realtime clock, for which a blocking queue waits for room; 0 waits without
+    /// limit. Returns 0. Throws VeException also when there is no room, in time or at all. A cancellation point.
+    virtual int Send(const char* data, unsigned int length, unsigned int priority, unsigned long timeoutMs) = 0;
+
+    /// Takes the first message out of the queue (mq_receive, mq_timedreceive). `length` is the room in `buffer`, at
+    /// least the queue's largest message. `timeoutMs` as in Send. Returns the length of the message; 0 when there was
+    /// none, in time or at all, and also for a message of length 0. A cancellation point.
+    virtual int Receive(char* buffer, unsigned int length, unsigned int& priority, unsigned long timeoutMs) = 0;
+
+    /// Closes the queue for this object (mq_close). Does nothing when closed already.
+    virtual void Close() = 0;
+
+    /// Closes the queue and removes its name (mq_unlink); those who have it open keep it. Does nothing once it has
+    /// removed the name.
+    virtual void Unlink() = 0;
+};
+
+}  // namespace Kel::System::Ve

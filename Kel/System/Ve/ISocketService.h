@@ -1,0 +1,196 @@
+#pragma once
+
+#include <Kel/Core/BasicString.h>
+#include <Kel/Core/Export.h>
+#include <Kel/System/Ve/IServiceObject.h>
+
+namespace Kel::System::Ve {
+
+/// A socket: IPv4 or local (Unix domain), stream or datagram.
+///
+/// What goes wrong at run time is told by a `SocketError`, as the result or beside it; only Bind, Connect and SendTo of
+/// a socket without a domain, and Close of a file-bound local socket, throw VeException.
+///
+/// IPv4 addresses are in network byte order, as in `sin_addr`; ports are in the host's. Local names that live in the
+/// abstract namespace belong to no file and vanish with their socket; 106 characters of a name count.
+///
+/// All operations may be called from any thread. A thread that waits in Poll, Select, Recv or Accept is woken by
+/// Shutdown; Close alone does not wake it. An operation that Close overtakes may meet a descriptor that another file
+/// has got since: threads that use the socket are better ended first. Operations that wait are cancellation points.
+///
+/// Descriptors are closed in programs that this process starts. To hand one to a child on purpose, clear the flag of
+/// the descriptor just before: `fcntl(socket->GetSocketDescriptor(), F_SETFD, 0)`.
+class KEL_API ISocketService : public virtual IServiceObject {
+public:
+    enum class SocketType : int {
+        Stream = 1,
+        Datagram = 2,
+    };
+
+    enum class SocketDomain : int {
+        Ipv4 = 1,
+        Local = 3,
+    };
+
+    enum class SocketBlockingMode : int {
+        Blocking = 1,
+        NonBlocking = 2,
+    };
+
+    /// The value that an option takes stands beside it.
+    enum class SocketOptionName : int {
+        TcpNoDelay = 1,              ///< int, 0 or 1
+        ReuseAddress = 4,            ///< int, 0 or 1
+        KeepAlive = 8,               ///< int, 0 or 1
+        Broadcast = 32,              ///< int, 0 or 1
+        TcpUserTimeout = 100,        ///< always refused
+        TcpKeepAliveIdle = 101,      ///< int, seconds
+        TcpKeepAliveInterval = 102,  ///< int, seconds
+        TcpKeepAliveCount = 103,     ///< int
+        Linger = 128,                ///< always refused
+        ReceiveTimeout = 512,        ///< timeval; 0 waits without limit
+        SendTimeout = 2048,          ///< timeval; 0 waits without limit
+    };
+
+    enum class ShutdownMode : int {
+        Receive = 0,
+        Send = 1,
+        Both = 2,
+    };
+
+    /// What Select waits for. Any other value is as `TimeoutOnly`.
+    enum class SelectMode : int {
+        Readable = 0,
+        Writable = 1,
+        TimeoutOnly = 2,
+        Connected = 3,   ///< a connection that is being made is there: as Writable
+        Acceptable = 4,  ///< a connection can be accepted: as Readable
+    };
+
+    /// What Poll waits for.
+    enum class PollMode : int {
+        Readable = 1,
+        Writable = 2,
+        Connected = 3,   ///< as Writable
+        Acceptable = 4,  ///< as Readable
+    };
+
+    /// The numbers are those of Windows Sockets.
+    enum class SocketError : int {
+        Unclassified = -1,
+        Success = 0,
+        Intr = 10004,
+        Inval = 10022,
+        WouldBlock = 10035,
+        InProgress = 10036,
+        Already = 10037,
+        NotSock = 10038,  ///< the socket is closed
+        DestAddrReq = 10039,
+        MsgSize = 10040,
+        NoProtoOpt = 10042,
+        OpNotSupp = 10045,
+        AfNoSupport = 10047,
+        AddrInUse = 10048,
+        AddrNotAvail = 10049,
+        ConnAborted = 10053,
+        ConnReset = 10054,  ///< also: the peer has closed the connection
+        NoBufs = 10055,
+        IsConn = 10056,
+        NotConn = 10057,   ///< also: the peer takes no more (EPIPE)
+        Shutdown = 10058,  ///< also: shut down by this side
+        TimedOut = 10060,
+        ConnRefused = 10061,
+        HostDown = 10064,
+        HostUnreach = 10065,
+        VerNotSupported = 10092,  ///< Poll saw a set of events that it does not know
+    };
+
+    // Results of type int are 0 or the number of a `SocketError`, unless said otherwise.
+
+    /// Binds to an IPv4 address and port (bind). Port 0 lets the system choose; `port` becomes the one that was bound.
+    virtual int Bind(unsigned int ipAddress, int& port) = 0;
+
+    /// Binds a local socket to a name in the abstract namespace (bind).
+    virtual int Bind(const BasicString& name) = 0;
+
+    /// Waits for a connection and returns its socket, which the caller owns, with address and port of the peer
+    /// (accept). Null on failure. The new socket has no domain: it cannot be bound or connected again.
+    virtual ISocketService* Accept(unsigned int& ipAddress, int& port, SocketError& error) = 0;
+
+    /// The same for a local socket; `name` is the path of the peer, empty when it has none or an abstract name.
+    virtual ISocketService* Accept(BasicString& name, SocketError& error) = 0;
+
+    /// Connects to an IPv4 address and port (connect).
+    virtual int Connect(unsigned int ipAddress, int port) = 0;
+
+    /// Connects a local socket to a name: in the abstract namespace, or, for what the factory's
+    /// CreateNonAbstractIpcSocket has made, the path of a socket file of up to 107 characters.
+    virtual int Connect(const BasicString& name) = 0;
+
+    /// Lets a bound socket accept connections (listen); about `backlog` of them may wait.
+    virtual int Listen(int backlog) = 0;
+
+    /// Sets an option to the value of that length (setsockopt). -1, too, when the option is unknown or refused.
+    virtual int SetSockOpt(SocketOptionName option, const void* value, unsigned int length) = 0;
+
+    /// Reads an option into `value`, which holds `*length` bytes (getsockopt). `*length` stays as it is. -1, too, when
+    /// the option is unknown or refused.
+    virtual int GetSockOpt(SocketOptionName option, void* value, unsigned int* length) = 0;
+
+    /// Waits until the socket is ready (select). `timeoutMicroseconds` is the limit; 0 looks once, 0xFFFFFFFF waits
+    /// without limit. Returns 1 when ready, 0 when the time ran out, -1 on failure.
+    virtual int Select(SelectMode mode, unsigned int timeoutMicroseconds, SocketError& error) = 0;
+
+    /// Waits until the socket is ready or broken (poll). `timeoutMilliseconds` is the limit; 0 looks once, 0xFFFFFFFF
+    /// waits without limit. Returns 1 when something has happened, and then `error` tells whether the socket is ready
+    /// (Success), closed by the peer (ConnReset) or shut down by this side (Shutdown); 0 with TimedOut when the time
+    /// ran out; -1 on failure. A waiting datagram of length zero is taken for the peer's closing.
+    virtual int Poll(PollMode mode, unsigned int timeoutMilliseconds, SocketError& error) = 0;
+
+    /// Closes the socket. A local socket that is bound to a file removes that first; throws VeException, and stays
+    /// open, when it cannot. Does nothing when closed already.
+    virtual int Close() = 0;
+
+    /// Shuts down both directions.
+    virtual int Shutdown() = 0;
+
+    /// Shuts down one direction or both (shutdown). From then on Poll reports Shutdown where it would report ready.
+    virtual int Shutdown(ShutdownMode mode) = 0;
+
+    /// Sends up to `length` bytes (send). Returns how many were taken, -1 on failure.
+    virtual int Send(const void* data, unsigned int length, SocketError& error) = 0;
+
+    /// Sends a datagram to an IPv4 address and port (sendto). Returns its length, -1 on failure.
+    virtual int SendTo(const void* data, unsigned int length, SocketError& error, unsigned int ipAddress, int port) = 0;
+
+    /// Receives up to `length` bytes (recv). Returns how many; 0 when the peer has ended the stream or the datagram is
+    /// empty; -1 on failure.
+    virtual int Recv(void* buffer, unsigned int length, SocketError& error) = 0;
+
+    /// The same, with address and port of the sender (recvfrom), which stay as they are on failure.
+    virtual int RecvFrom(void* buffer, unsigned int length, SocketError& error, unsigned int& ipAddress, int& port) = 0;
+
+    /// Lets operations wait (true) or fail with WouldBlock instead (false).
+    virtual int SetOptionBlocking(bool blocking) = 0;
+
+    /// The linger and user time-out options are refused: the result is always -1, and nothing changes.
+    virtual int SetOptionLinger(bool enable, unsigned int seconds) = 0;
+    virtual int GetOptionLinger(bool& enable, unsigned int& seconds) = 0;
+    virtual int SetOptionUserTimeout(unsigned int value) = 0;
+    virtual int GetOptionUserTimeout(unsigned int& value) = 0;
+
+    /// How a connection on which nothing is sent is kept alive: seconds before the first probe, seconds between
+    /// probes, number of probes. A getter that succeeds sets `value` to 0, whatever the system's value is; GetSockOpt
+    /// reads that.
+    virtual int SetOptionKeepAliveIdleTime(int value) = 0;
+    virtual int GetOptionKeepAliveIdleTime(int& value) = 0;
+    virtual int SetOptionKeepAliveProbeInterval(int value) = 0;
+    virtual int GetOptionKeepAliveProbeInterval(int& value) = 0;
+    virtual int SetOptionKeepAliveProbeCount(int value) = 0;
+    virtual int GetOptionKeepAliveProbeCount(int& value) = 0;
+
+    /// Returns the descriptor, -1 when there is none. It stays the socket's own.
+    virtual int GetSocketDescriptor() const = 0;
+};
+
+}  // namespace Kel::System::Ve

@@ -1,0 +1,255 @@
+#include <Kel/System/Ve/Internal/Linux/FileService.h>
+
+#include <Kel/Core/CancellationDisabled.h>
+#include <Kel/Core/ErrorText.h>
+#include <Kel/System/Ve/Exceptions/AccessDeniedException.h>
+#include <Kel/System/Ve/Exceptions/AlreadyExistsException.h>
+#include <Kel/System/Ve/Exceptions/InvalidPathException.h>
+#include <Kel/System/Ve/Exceptions/NotExistException.h>
+#include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/Linux/FileDescriptor.h>
+#include <Kel/System/Ve/Internal/Linux/SystemCall.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <exception>
+#include <utility>
+
+namespace Kel::System::Ve::Internal {
+
+bool FileServiceBase::Exists(const BasicString& path) { return Linux::FileService::Exists(path); }
+
+bool FileServiceBase::Delete(const BasicString& path) { return Linux::FileService::Delete(path); }
+
+void FileServiceBase::SyncAll() { Linux::FileService::SyncAll(); }
+
+int FileServiceBase::Sync(const BasicString& path) { return Linux::FileService::Sync(path); }
+
+int FileServiceBase::MapSystemErrorCode(unsigned int code) { return Linux::FileService::MapSystemErrorCode(code); }
+
+}  // namespace Kel::System::Ve::Internal
+
+namespace Kel::System::Ve::Internal::Linux {
+
+using Exceptions::AccessDeniedException;
+using Exceptions::AlreadyExistsException;
+using Exceptions::InvalidPathException;
+using Exceptions::NotExistException;
+using Exceptions::VeException;
+
+namespace {
+
+constexpr char pathExists[] = "Path '{0}' already exists.";
+constexpr char pathMissing[] = "Path '{0}' does not exist.";
+constexpr char syncFailed[] = "{0}: Could not synchronize changes to disk. Error {1}.";
+
+void CheckWrites(IFileService::FileAccess access, const char* mode) {
+    if (access == IFileService::FileAccess::Read) {
+        throw VeException("{0}: FileMode::{1} needs FileAccess::Write or FileAccess:ReadWrite.", "Open", mode);
+    }
+}
+
+// The pairs of exceptions and texts are as they are meant to be.
+[[noreturn]] void ThrowNotOpened(const BasicString& path, int errorNumber) {
+    switch (errorNumber) {
+        case ENOENT:
+            throw NotExistException(pathMissing, path);
+        case EACCES:
+            throw AccessDeniedException(pathExists, path);
+        case EEXIST:
+            throw AlreadyExistsException(pathExists, path);
+        case EINVAL:
+            throw InvalidPathException(pathMissing, path);
+        default:
+            throw VeException("{0}: Could not open file '{1}' (errno={2}).", "Open", path, errorNumber);
+    }
+}
+
+// Empties nothing: the file may have appeared since it was found missing.
+std::FILE* CreateIfMissing(const BasicString& path) {
+    FileDescriptor descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    std::FILE* const stream = descriptor.Get() != -1 ? fdopen(descriptor.Get(), "r+b") : nullptr;
+    if (stream != nullptr) {
+        descriptor.Release();
+    }
+    return stream;
+}
+
+std::FILE* CheckOpen(std::FILE* stream, const char* operation = __builtin_FUNCTION()) {
+    if (stream == nullptr) {
+        throw VeException("{0}: this->pFile == nullptr", operation);
+    }
+    return stream;
+}
+
+}  // namespace
+
+FileService::FileService(const BasicString& path, FileMode mode, FileAccess access, bool sync)
+    : ServiceObjectBase("FileServiceBase", ServiceType::File, true), syncOnClose(sync) {
+    Open(path, mode, access);
+}
+
+FileService::~FileService() {
+    if (pFile != nullptr) {
+        const CancellationDisabled disabled;
+        try {
+            Close();
+        } catch (const std::exception&) {
+            // Nobody is left to be told.
+        }
+    }
+}
+
+void FileService::Open(const BasicString& path, FileMode mode, FileAccess access) {
+    const FileAccess accessBefore = std::exchange(fileAccess, access);
+    if (access != FileAccess::Read && access != FileAccess::Write && access != FileAccess::ReadWrite) {
+        throw VeException("{0}: Invalid access mode.", __func__);
+    }
+    // In the modes, "e" closes the descriptor in other programs, "x" refuses what exists.
+    const auto open = [&](const char* streamMode) {
+        if (pFile != nullptr) {
+            fileAccess = accessBefore;
+            Close();
+            fileAccess = access;
+        }
+        pFile = fopen(path.c_str(), streamMode);
+    };
+    switch (mode) {
+        case FileMode::CreateNew:
+            CheckWrites(access, "CreateNew");
+            if (Exists(path)) {
+                throw AlreadyExistsException(pathExists, path);
+            }
+            open("w+bxe");
+            break;
+        case FileMode::Create:
+            CheckWrites(access, "Create");
+            open("w+be");
+            break;
+        case FileMode::Open:
+            open(access == FileAccess::Read ? "rbe" : "r+be");
+            break;
+        case FileMode::OpenOrCreate:
+            open("r+be");
+            if (pFile == nullptr && errno == ENOENT) {
+                pFile = CreateIfMissing(path);
+            }
+            break;
+        case FileMode::Truncate:
+            CheckWrites(access, "Truncate");
+            open("r+be");
+            if (pFile != nullptr) {
+                Close();
+                open("w+be");
+            }
+            break;
+        case FileMode::Append:
+            CheckWrites(access, "Append");
+            open("a+be");
+            break;
+        default:
+            // Whatever is open stays so; if nothing is, errno is whatever it was.
+            break;
+    }
+    if (pFile == nullptr) {
+        ThrowNotOpened(path, errno);
+    }
+}
+
+unsigned int FileService::Read(unsigned char* buffer, unsigned int /*offset*/, unsigned int count) {
+    return static_cast<unsigned int>(fread(buffer, 1, count, CheckOpen(pFile)));
+}
+
+unsigned int FileService::Write(const unsigned char* buffer, unsigned int /*offset*/, unsigned int count) {
+    return static_cast<unsigned int>(fwrite(buffer, 1, count, CheckOpen(pFile)));
+}
+
+int FileService::Flush() {
+    std::FILE* const stream = CheckOpen(pFile);
+    return fileAccess == FileAccess::Read ? EOF : fflush(stream);
+}
+
+int FileService::Close() {
+    std::FILE* const stream = CheckOpen(pFile);
+    if (fileAccess != FileAccess::Read && syncOnClose) {
+        Flush();
+        const int descriptor = fileno(stream);
+        if (descriptor == -1 || fsync(descriptor) == -1) {
+            const int errorNumber = errno;
+            pFile = nullptr;
+            fclose(stream);
+            ThrowFailure(errorNumber,
+                         descriptor == -1 ? "{0}: Could not determine filedescriptor to stream." : syncFailed);
+        }
+    }
+    pFile = nullptr;
+    return fclose(stream);
+}
+
+int FileService::Tell() {
+    const long position = ftell(CheckOpen(pFile));
+    if (position == -1 || position > INT_MAX) {
+        const int errorNumber = position == -1 ? errno : EOVERFLOW;
+        throw VeException("Could not retrieve current position. Error: {0} ({1}).", ErrorText(errorNumber),
+                          errorNumber);
+    }
+    return static_cast<int>(position);
+}
+
+int FileService::Seek(unsigned int offset, SeekOrigin origin) {
+    if (pFile == nullptr) {
+        throw VeException("{0}", __func__);
+    }
+    if (offset > INT_MAX) {
+        throw VeException("{0}: Offset out of range. {0}", __func__);
+    }
+    const int whence = origin == SeekOrigin::Begin ? SEEK_SET : origin == SeekOrigin::Current ? SEEK_CUR : SEEK_END;
+    if (fseek(pFile, static_cast<long>(offset), whence) != 0) {
+        throw VeException("{0}", __func__);
+    }
+    return Tell();
+}
+
+bool FileService::Exists(const BasicString& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0;
+}
+
+bool FileService::Delete(const BasicString& path) { return remove(path.c_str()) == 0; }
+
+void FileService::SyncAll() { sync(); }
+
+int FileService::Sync(const BasicString& path) {
+    // Without blocking: nobody may ever open the other end of a FIFO.
+    FileDescriptor descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (descriptor.Get() == -1) {
+        const int errorNumber = errno;
+        throw VeException("{0}: Could not determine filedescriptor to file '{1}'. Error {2}.", __func__, path,
+                          ErrorText(errorNumber));
+    }
+    CheckErrno(fsync(descriptor.Get()), syncFailed);
+    return close(descriptor.Release());
+}
+
+int FileService::MapSystemErrorCode(unsigned int code) {
+    switch (code) {
+        case 0:
+            return 0;
+        case ENOENT:
+            return 3;
+        case EACCES:
+            return 5;
+        case EEXIST:
+            return 4;
+        case ENOSPC:
+            return 6;
+        default:
+            return 1;
+    }
+}
+
+}  // namespace Kel::System::Ve::Internal::Linux

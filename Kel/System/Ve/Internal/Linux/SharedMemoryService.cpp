@@ -1,0 +1,93 @@
+#include <Kel/System/Ve/Internal/Linux/SharedMemoryService.h>
+
+#include <Kel/Core/CancellationDisabled.h>
+#include <Kel/Core/ErrorText.h>
+#include <Kel/Core/Exception.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace Kel::System::Ve::Internal::Linux {
+
+namespace {
+
+constexpr mode_t forAll = 0666;
+
+// For calls that return -1 and leave the number of an error in errno.
+void CheckErrno(int result, const char* message, const BasicString& name,
+                const char* operation = __builtin_FUNCTION()) {
+    if (result == -1) {
+        const int errorNumber = errno;
+        throw Exception(message, operation, name, ErrorText(errorNumber));
+    }
+}
+
+}  // namespace
+
+SharedMemoryService::SharedMemoryService(const BasicString& memoryName, unsigned int bytes, mode openMode)
+    : ServiceObjectBase("SharedMemoryService", ServiceType::SharedMemory, true),
+      SharedMemoryServiceBase(memoryName, bytes) {
+    try {
+        if (openMode == mode::Create) {
+            Create();
+        } else {
+            Open();
+        }
+    } catch (...) {
+        if (descriptor > 0) {
+            close(descriptor);
+        }
+        throw;
+    }
+}
+
+SharedMemoryService::~SharedMemoryService() {
+    const CancellationDisabled disabled;
+    Close();
+}
+
+void SharedMemoryService::Create() {
+    descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, forAll);
+    CheckErrno(descriptor, "{0}: Shared Memory <{1}> could not be created: {2}", name);
+    TruncateMemory();
+    MapMemory();
+}
+
+void SharedMemoryService::Open() {
+    descriptor = shm_open(name.c_str(), O_RDWR, forAll);
+    CheckErrno(descriptor, "{0}: Shared Memory <{1}> could not be opened: {2}", name);
+    MapMemory();
+}
+
+void SharedMemoryService::TruncateMemory() {
+    if (ftruncate(descriptor, size) == -1) {
+        const int errorNumber = errno;
+        throw Exception("{0}: Shared Memory <{1}> could not be truncated to {2} length: {3}", __func__, name, size,
+                        ErrorText(errorNumber));
+    }
+}
+
+void SharedMemoryService::MapMemory() {
+    address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+    CheckErrno(address == MAP_FAILED ? -1 : 0, "{0}: Shared Memory <{1}> could not be mapped: {2}", name);
+}
+
+void SharedMemoryService::Close() {
+    // Of several threads one closes: a second time would close whatever has got the number since.
+    const int open = descriptor.exchange(0);
+    if (open != 0) {
+        CheckErrno(close(open), "{0}: Shared Memory <{1}> could not be closed: {2}", name);
+    }
+}
+
+void SharedMemoryService::Unlink() {
+    if (descriptor.exchange(0) != 0) {
+        CheckErrno(shm_unlink(name.c_str()), "{0}: Shared Memory <{1}> could not be unlinked: {2}", name);
+    }
+}
+
+}  // namespace Kel::System::Ve::Internal::Linux
