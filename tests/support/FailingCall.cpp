@@ -6,15 +6,20 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <mqueue.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>
+#include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <time.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -235,6 +240,31 @@ INTERCEPT(int, pthread_setschedparam, (pthread_t a, int b, const sched_param* c)
 INTERCEPT(int, pthread_setaffinity_np, (pthread_t a, std::size_t b, const cpu_set_t* c), next(a, b, c))
 INTERCEPT(int, nanosleep, (const timespec* a, timespec* b), next(a, b))
 INTERCEPT(int, open64, (const char* a, int b, mode_t c), next(a, b, c))
+INTERCEPT(int, close, (int a), next(a))
+INTERCEPT(int, ioctl, (int a, unsigned long b, void* c), next(a, b, c))
+INTERCEPT(int, socket, (int a, int b, int c), next(a, b, c))
+INTERCEPT(int, getsockname, (int a, sockaddr* b, socklen_t* c), next(a, b, c))
+INTERCEPT(ssize_t, recv, (int a, void* b, std::size_t c, int d), next(a, b, c, d))
+INTERCEPT(int, select, (int a, fd_set* b, fd_set* c, fd_set* d, timeval* e), next(a, b, c, d, e))
+INTERCEPT(int, poll, (pollfd* a, nfds_t b, int c), next(a, b, c))
+INTERCEPT(int, shutdown, (int a, int b), next(a, b))
+INTERCEPT(mqd_t, mq_open, (const char* a, int b, mode_t c, mq_attr* d), next(a, b, c, d))
+INTERCEPT(int, mq_send, (mqd_t a, const char* b, std::size_t c, unsigned int d), next(a, b, c, d))
+INTERCEPT(int, mq_timedsend, (mqd_t a, const char* b, std::size_t c, unsigned int d, const timespec* e), next(a, b, c, d, e))
+INTERCEPT(ssize_t, mq_receive, (mqd_t a, char* b, std::size_t c, unsigned int* d), next(a, b, c, d))
+INTERCEPT(ssize_t, mq_timedreceive, (mqd_t a, char* b, std::size_t c, unsigned int* d, const timespec* e), next(a, b, c, d, e))
+INTERCEPT(int, mq_getattr, (mqd_t a, mq_attr* b), next(a, b))
+INTERCEPT(int, mq_close, (mqd_t a), next(a))
+INTERCEPT(int, mq_unlink, (const char* a), next(a))
+INTERCEPT(int, shm_open, (const char* a, int b, mode_t c), next(a, b, c))
+INTERCEPT(int, shm_unlink, (const char* a), next(a))
+INTERCEPT(int, ftruncate64, (int a, off64_t b), next(a, b))
+INTERCEPT(FILE*, fopen64, (const char* a, const char* b), next(a, b))
+INTERCEPT(FILE*, fdopen, (int a, const char* b), next(a, b))
+INTERCEPT(int, fileno, (FILE* a), next(a))
+INTERCEPT(int, fsync, (int a), next(a))
+INTERCEPT(int, fseek, (FILE* a, long b, int c), next(a, b, c))
+INTERCEPT(long, ftell, (FILE* a), next(a))
 INTERCEPT(ssize_t, write, (int a, const void* b, std::size_t c), next(a, b, c))
 INTERCEPT(int, backtrace, (void** a, int b), BacktraceFrom(__builtin_return_address(0), next, a, b))
 INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))

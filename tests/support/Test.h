@@ -5,6 +5,7 @@
 #include "Child.h"
 #include "FactoryTest.h"
 #include "FailingCall.h"
+#include "OpenDescriptors.h"
 #include "Throws.h"
 
 #include <Kel/Core/AppDomain.h>
@@ -21,12 +22,17 @@
 #include <Kel/System/Ve/Exceptions/NotExistException.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/Linux/ConditionVariableService.h>
+#include <Kel/System/Ve/Internal/Linux/FileService.h>
 #include <Kel/System/Ve/Internal/Linux/IpcCondVarService.h>
 #include <Kel/System/Ve/Internal/Linux/IpcMutexService.h>
 #include <Kel/System/Ve/Internal/Linux/LinuxServiceFactory.h>
+#include <Kel/System/Ve/Internal/Linux/MessageQueueService.h>
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
+#include <Kel/System/Ve/Internal/Linux/NetworkInterfaceInfo.h>
 #include <Kel/System/Ve/Internal/Linux/RWLockService.h>
 #include <Kel/System/Ve/Internal/Linux/SemaphoreService.h>
+#include <Kel/System/Ve/Internal/Linux/SharedMemoryService.h>
+#include <Kel/System/Ve/Internal/Linux/SocketService.h>
 #include <Kel/System/Ve/Internal/Linux/ThreadService.h>
 #include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
 #include <Kel/System/Ve/Internal/Linux/TimerService.h>

@@ -175,8 +175,10 @@ int FileService::Flush() {
 
 int FileService::Close() {
     std::FILE* const stream = CheckOpen(pFile);
+    // Once flushing has failed, fclose knows nothing of what was lost.
+    int flushed = 0;
     if (fileAccess != FileAccess::Read && syncOnClose) {
-        Flush();
+        flushed = Flush();
         const int descriptor = fileno(stream);
         if (descriptor == -1 || fsync(descriptor) == -1) {
             const int errorNumber = errno;
@@ -187,7 +189,8 @@ int FileService::Close() {
         }
     }
     pFile = nullptr;
-    return fclose(stream);
+    const int closed = fclose(stream);
+    return closed != 0 ? closed : flushed;
 }
 
 int FileService::Tell() {

@@ -1,0 +1,116 @@
+#include "support/Test.h"
+#include "support/UniqueName.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+
+namespace {
+
+constexpr auto create = ISharedMemoryService::mode::Create;
+constexpr auto openExisting = ISharedMemoryService::mode::Open;
+
+class SharedMemoryTest : public FactoryTest {
+protected:
+    ~SharedMemoryTest() override { shm_unlink(name.c_str()); }
+
+    std::unique_ptr<ISharedMemoryService> Make(ISharedMemoryService::mode mode, unsigned int size = 64) {
+        return std::unique_ptr<ISharedMemoryService>(factory->CreateSharedMemory(name, size, mode));
+    }
+
+    bool NameExists() const {
+        const int descriptor = shm_open(name.c_str(), O_RDONLY, 0);
+        close(descriptor);
+        return descriptor != -1;
+    }
+
+    std::string Message(const std::string& operation, const std::string& what) const {
+        return operation + ": Shared Memory <" + name + "> could not be " + what;
+    }
+
+    const BasicString name = UniqueName("memory");
+};
+
+TEST_F(SharedMemoryTest, IsSeenByOtherProcessesAndOutlivesItsObjects) {
+    auto memory = Make(create, 5000);
+    EXPECT_EQ(memory->GetName(), name);
+    EXPECT_EQ(memory->GetSize(), 5000U);
+    auto* const bytes = static_cast<volatile char*>(memory->GetAddress());
+    EXPECT_EQ(bytes[4999], 0);
+    Child child([this] {
+        // Opened anew: what was inherited would show it, too.
+        static_cast<char*>(Make(openExisting, 5000)->GetAddress())[4999] = 'x';
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(bytes[4999], 'x');
+    memory.reset();
+    EXPECT_EQ(bytes[4999], 'x');
+    EXPECT_EQ(static_cast<char*>(Make(static_cast<ISharedMemoryService::mode>(7), 5000)->GetAddress())[4999], 'x');
+    EXPECT_EQ(static_cast<char*>(Make(create, 5000)->GetAddress())[4999], 0);
+    EXPECT_EQ(bytes[4999], 0);
+}
+
+TEST_F(SharedMemoryTest, ClosingKeepsTheNameAndUnlinkingTheDescriptor) {
+    const auto memory = Make(create);
+    memory->Close();
+    memory->Unlink();
+    memory->Close();
+    EXPECT_TRUE(NameExists());
+
+    const int descriptor = dup(0);
+    close(descriptor);
+    const auto again = Make(openExisting);
+    EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+    again->Unlink();
+    EXPECT_FALSE(NameExists());
+    again->Unlink();
+    again->Close();
+    EXPECT_EQ(close(descriptor), 0);
+    static_cast<char*>(again->GetAddress())[0] = 'x';
+}
+
+TEST_F(SharedMemoryTest, DescriptorZeroCountsAsNone) {
+    Child child([this] {
+        close(0);
+        const auto memory = Make(create);
+        memory->Close();
+        memory->Unlink();
+        return NameExists() && fcntl(0, F_GETFD) != -1 ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST_F(SharedMemoryTest, FailedCallsAreReported) {
+    EXPECT_TRUE(
+        Throws<Exception>([this] { Make(openExisting); }, Message("Open", "opened: No such file or directory")));
+    // A mapping of nothing is refused; the name stays.
+    EXPECT_TRUE(Throws<Exception>([this] { Make(create, 0); }, Message("MapMemory", "mapped: Invalid argument")));
+    EXPECT_TRUE(NameExists());
+
+    const auto memory = Make(openExisting);
+    const auto another = Make(openExisting);
+    const int descriptor = dup(0) - 1;
+    close(descriptor + 1);
+    const struct {
+        const char* function;
+        std::function<void()> operation;
+        std::string message;
+    } table[] = {
+        {"shm_open", [this] { Make(create); }, Message("Create", "created: Permission denied")},
+        {"ftruncate64", [this] { Make(create); },
+         Message("TruncateMemory", "truncated to 64 length: Permission denied")},
+        {"shm_unlink", [&] { memory->Unlink(); }, Message("Unlink", "unlinked: Permission denied")},
+        {"close", [&] { another->Close(); }, Message("Close", "closed: Permission denied")},
+    };
+    for (const auto& row : table) {
+        const FailingCall call(row.function, -1, EACCES);
+        EXPECT_TRUE(Throws<Exception>(row.operation, row.message));
+    }
+    // The failed ones stay open, and are nobody's any more.
+    memory->Close();
+    another->Close();
+    EXPECT_EQ(close(descriptor), 0);
+    EXPECT_EQ(close(descriptor - 1), 0);
+}
+
+}  // namespace
