@@ -19,5 +19,13 @@ void ShowNamedSemaphore(Narrator& narrator, Kel::System::Ve::Internal::ServiceFa
 void ShowThread(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
 void ShowTimer(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
 
+void ShowTcp(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowUdp(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowLocalSocket(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowMessageQueue(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowSharedMemory(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowFile(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowNetworkInterfaces(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+
 /// Disposes the factory with two objects left alive.
 void ShowLeakReport(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);

@@ -26,6 +26,13 @@ int main() {
         ShowNamedSemaphore(narrator, factory);
         ShowThread(narrator, factory);
         ShowTimer(narrator, factory);
+        ShowTcp(narrator, factory);
+        ShowUdp(narrator, factory);
+        ShowLocalSocket(narrator, factory);
+        ShowMessageQueue(narrator, factory);
+        ShowSharedMemory(narrator, factory);
+        ShowFile(narrator, factory);
+        ShowNetworkInterfaces(narrator, factory);
         ShowLeakReport(narrator, factory);
 
         Kel::Singleton<Kel::AppDomain>::pInstance = nullptr;
