@@ -4,9 +4,9 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
-packages_to_build=(g++ cmake ninja-build libfmt-dev libgtest-dev)
-# A program that the sockets are tested against.
-packages_to_test=(socat)
+packages_to_build=(g++ cmake ninja-build pkg-config libboost-filesystem-dev libfmt-dev liblttng-ctl-dev libgtest-dev)
+# Programs that the sockets and the trace controller are tested against.
+packages_to_test=(socat lttng-tools)
 packages_for_arm=(g++-arm-linux-gnueabihf qemu-user mmdebstrap)
 packages_for_arm_boot=(qemu-system-arm cpio)
 packages_to_check=(clang-format clang-tidy git)

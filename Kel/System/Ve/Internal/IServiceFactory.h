@@ -7,12 +7,16 @@
 #include <Kel/System/Ve/IMessageQueueService.h>
 #include <Kel/System/Ve/IMutexService.h>
 #include <Kel/System/Ve/INetworkInterfaceInfo.h>
+#include <Kel/System/Ve/IProcessService.h>
 #include <Kel/System/Ve/IRWLockService.h>
 #include <Kel/System/Ve/ISemaphoreService.h>
+#include <Kel/System/Ve/ISharedLibraryService.h>
 #include <Kel/System/Ve/ISharedMemoryService.h>
+#include <Kel/System/Ve/ISignalHandlerService.h>
 #include <Kel/System/Ve/ISocketService.h>
 #include <Kel/System/Ve/IThreadService.h>
 #include <Kel/System/Ve/ITimerService.h>
+#include <Kel/System/Ve/ITraceControllerService.h>
 
 namespace Kel::System::Ve::Internal {
 
@@ -23,6 +27,12 @@ namespace Kel::System::Ve::Internal {
 class KEL_API IServiceFactory {
 public:
     virtual ~IServiceFactory() = default;
+
+    /// Makes a process object, with no child yet.
+    virtual IProcessService* CreateProcess() = 0;
+
+    /// Makes a shared library object, with no library yet.
+    virtual ISharedLibraryService* CreateSharedLibrary() = 0;
 
     /// Makes a mutex for the threads of this process, free, with priority inheritance.
     virtual IMutexService* CreateMutex(bool recursive) = 0;
@@ -87,6 +97,12 @@ public:
 
     /// Makes a condition variable for the threads of this process.
     virtual ICondVariableService* CreateConditionVariable() = 0;
+
+    /// Makes a controller of tracing sessions.
+    virtual ITraceControllerService* CreateTraceController() = 0;
+
+    /// Makes what sets up the process's crash handlers.
+    virtual ISignalHandlerService* CreateSignalHandler() = 0;
 
     /// Reads the addresses of a network interface. Returns null when that fails, and then `error` says why.
     virtual INetworkInterfaceInfo* CreateNetworkInterfaceInfo(const BasicString& interfaceName, BasicString& error) = 0;

@@ -5,12 +5,16 @@
 #include <Kel/System/Ve/Internal/Linux/MessageQueueService.h>
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
 #include <Kel/System/Ve/Internal/Linux/NetworkInterfaceInfo.h>
+#include <Kel/System/Ve/Internal/Linux/ProcessService.h>
 #include <Kel/System/Ve/Internal/Linux/RWLockService.h>
 #include <Kel/System/Ve/Internal/Linux/SemaphoreService.h>
+#include <Kel/System/Ve/Internal/Linux/SharedLibraryService.h>
 #include <Kel/System/Ve/Internal/Linux/SharedMemoryService.h>
+#include <Kel/System/Ve/Internal/Linux/SignalHandlerService.h>
 #include <Kel/System/Ve/Internal/Linux/SocketService.h>
 #include <Kel/System/Ve/Internal/Linux/ThreadService.h>
 #include <Kel/System/Ve/Internal/Linux/TimerService.h>
+#include <Kel/System/Ve/Internal/Linux/TraceControllerService.h>
 
 #include <memory>
 
@@ -29,6 +33,10 @@ std::unique_ptr<IMutexService> ServiceFactory::CreateRegistryMutex() {
 }  // namespace Kel::System::Ve::Internal
 
 namespace Kel::System::Ve::Internal::Linux {
+
+IProcessService* LinuxServiceFactory::CreateProcess() { return new ProcessService(); }
+
+ISharedLibraryService* LinuxServiceFactory::CreateSharedLibrary() { return new SharedLibraryService(); }
 
 IMutexService* LinuxServiceFactory::CreateMutex(bool recursive) {
     auto mutex = std::make_unique<MutexService>();
@@ -107,6 +115,10 @@ IMessageQueueService* LinuxServiceFactory::CreateMessageQueue(const BasicString&
 }
 
 ICondVariableService* LinuxServiceFactory::CreateConditionVariable() { return new ConditionVariableService(); }
+
+ITraceControllerService* LinuxServiceFactory::CreateTraceController() { return new TraceControllerService(); }
+
+ISignalHandlerService* LinuxServiceFactory::CreateSignalHandler() { return new SignalHandlerService(); }
 
 INetworkInterfaceInfo* LinuxServiceFactory::CreateNetworkInterfaceInfo(const BasicString& interfaceName,
                                                                        BasicString& error) {

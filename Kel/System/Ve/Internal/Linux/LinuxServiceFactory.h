@@ -9,6 +9,8 @@ namespace Kel::System::Ve::Internal::Linux {
 /// The factory on Linux: makes the Linux class of each service.
 class KEL_API LinuxServiceFactory final : public ServiceFactory {
 public:
+    IProcessService* CreateProcess() override;
+    ISharedLibraryService* CreateSharedLibrary() override;
     IMutexService* CreateMutex(bool recursive) override;
     ISemaphoreService* CreateSemaphore(unsigned int initialCount) override;
     ISemaphoreService* CreateSemaphore(const BasicString& name, unsigned int initialCount) override;
@@ -35,6 +37,8 @@ public:
                                              IMessageQueueService::Access access, bool blocking, long maxMessageCount,
                                              long maxMessageSize) override;
     ICondVariableService* CreateConditionVariable() override;
+    ITraceControllerService* CreateTraceController() override;
+    ISignalHandlerService* CreateSignalHandler() override;
     INetworkInterfaceInfo* CreateNetworkInterfaceInfo(const BasicString& interfaceName, BasicString& error) override;
 };
 
