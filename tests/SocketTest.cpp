@@ -599,16 +599,6 @@ TEST_F(SocketTest, AcceptedDescriptorIsNotLost) {
     EXPECT_THROW(listener->Accept(address, port, error), std::bad_alloc);
 }
 
-// User-mode emulation ends at a select with a descriptor that has no place in an fd_set; kernels take it.
-bool SelectTakesLargeDescriptors() {
-    return Child([] {
-               close(2);
-               long set[2048 / (8 * sizeof(long))]{};
-               timeval atOnce{};
-               return select(1101, reinterpret_cast<fd_set*>(set), nullptr, nullptr, &atOnce);
-           }).Wait() == 0;
-}
-
 TEST_F(SocketTest, AThousandAreOpenAtOnce) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -622,7 +612,8 @@ TEST_F(SocketTest, AThousandAreOpenAtOnce) {
         sockets.push_back(Bound(Type::Datagram, port));
     }
     ISocketService& last = *sockets.back();
-    const bool selects = SelectTakesLargeDescriptors();
+    // User-mode emulation ends itself at a select with such a descriptor.
+    const bool selects = !IsEmulated();
     if (selects) {
         EXPECT_EQ(Select(last, SelectMode::Readable, 0), Result(0, Error::Success));
     }

@@ -6,6 +6,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <lttng/lttng.h>
 #include <mqueue.h>
 #include <poll.h>
 #include <pthread.h>
@@ -265,6 +266,17 @@ INTERCEPT(int, fileno, (FILE* a), next(a))
 INTERCEPT(int, fsync, (int a), next(a))
 INTERCEPT(int, fseek, (FILE* a, long b, int c), next(a, b, c))
 INTERCEPT(long, ftell, (FILE* a), next(a))
+INTERCEPT(pid_t, waitpid, (pid_t a, int* b, int c), next(a, b, c))
+INTERCEPT(int, kill, (pid_t a, int b), next(a, b))
+INTERCEPT(int, dlclose, (void* a), next(a))
+INTERCEPT(lttng_load_session_attr*, lttng_load_session_attr_create, (), next())
+INTERCEPT(int, lttng_load_session_attr_set_session_name, (lttng_load_session_attr* a, const char* b), next(a, b))
+INTERCEPT(int, lttng_load_session_attr_set_input_url, (lttng_load_session_attr* a, const char* b), next(a, b))
+INTERCEPT(int, lttng_load_session, (lttng_load_session_attr* a), next(a))
+INTERCEPT(int, lttng_list_sessions, (lttng_session** a), next(a))
+INTERCEPT(int, lttng_snapshot_list_output, (const char* a, lttng_snapshot_output_list** b), next(a, b))
+INTERCEPT(int, lttng_snapshot_record, (const char* a, lttng_snapshot_output* b, int c), next(a, b, c))
+INTERCEPT(int, lttng_session_daemon_alive, (), next())
 INTERCEPT(ssize_t, write, (int a, const void* b, std::size_t c), next(a, b, c))
 INTERCEPT(int, backtrace, (void** a, int b), BacktraceFrom(__builtin_return_address(0), next, a, b))
 INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))

@@ -29,13 +29,17 @@
 #include <Kel/System/Ve/Internal/Linux/MessageQueueService.h>
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
 #include <Kel/System/Ve/Internal/Linux/NetworkInterfaceInfo.h>
+#include <Kel/System/Ve/Internal/Linux/ProcessService.h>
 #include <Kel/System/Ve/Internal/Linux/RWLockService.h>
 #include <Kel/System/Ve/Internal/Linux/SemaphoreService.h>
+#include <Kel/System/Ve/Internal/Linux/SharedLibraryService.h>
 #include <Kel/System/Ve/Internal/Linux/SharedMemoryService.h>
+#include <Kel/System/Ve/Internal/Linux/SignalHandlerService.h>
 #include <Kel/System/Ve/Internal/Linux/SocketService.h>
 #include <Kel/System/Ve/Internal/Linux/ThreadService.h>
 #include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
 #include <Kel/System/Ve/Internal/Linux/TimerService.h>
+#include <Kel/System/Ve/Internal/Linux/TraceControllerService.h>
 #include <Kel/System/Ve/Internal/MutexGuard.h>
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 #include <Kel/System/Ve/Internal/ServiceObjectBase.h>
@@ -49,6 +53,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -62,6 +67,9 @@ using namespace Kel::System::Ve::Internal;
 using namespace Kel::System::Ve::Internal::Linux;
 /// Why a test is skipped.
 constexpr char needsRealTime[] = "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
+
+/// True when the program runs as code of another machine, on this one's kernel.
+inline bool IsEmulated() { return getenv("KEL_TESTS_ARE_EMULATED") != nullptr; }
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;

@@ -163,6 +163,7 @@ void ProcessService::SetupCurrentProcess(int cpu) {
 
 BasicString ProcessService::GetCurrentName() {
     char path[1024];
+    // What it cuts has no terminating null.
     const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
     return length == -1 ? BasicString() : BasicString(path, static_cast<std::size_t>(length));
 }

@@ -1,0 +1,239 @@
+#include "support/SharedObject.h"
+#include "support/Test.h"
+
+#include <sys/time.h>
+
+#include <array>
+#include <cstring>
+#include <stdexcept>
+
+// Not in a namespace without a name: a trace shows the names that a program exports.
+
+// Not null, which the sanitizers look for.
+int* volatile nowhere = reinterpret_cast<int*>(16);
+
+[[gnu::noinline]] void CrashByWriting() { *nowhere = 1; }
+
+[[gnu::noinline]] void CrashByIllegalInstruction() {
+    int* const volatile before = nowhere;
+    static_cast<void>(before);
+    __builtin_trap();
+}
+
+// On ARM a division by zero does not trap.
+[[gnu::noinline]] void CrashByCalculating() {
+    raise(SIGFPE);
+    errno = 0;
+}
+
+// Faults without having saved the address that it returns to.
+[[gnu::noinline]] int LeafThatCrashes(const int* where) { return *where; }
+
+[[gnu::noinline]] int LeafThatCrashesConditionally(int value, int* where) {
+#if defined(__arm__)
+    // In a block of conditional instructions, whose state the processor keeps.
+    asm volatile("cmp %0, #0\n\tittt ne\n\tstrne %0, [%1]\n\tmovne r0, #0\n\tmovne r0, #0"
+                 :
+                 : "r"(value), "r"(where)
+                 : "r0", "memory");
+#else
+    *where = value;
+#endif
+    return value;
+}
+
+namespace {
+
+struct Outcome {
+    std::array<char, 8192> report;
+    std::atomic<int> calls;
+};
+
+const SharedObject<Outcome>* outcome = nullptr;
+
+void KeepReport(const BasicString& report) {
+    ++(*outcome)->calls;
+    std::strncpy((*outcome)->report.data(), report.c_str(), (*outcome)->report.size() - 1);
+}
+
+void KeepReportAndEnd(const BasicString& report) {
+    KeepReport(report);
+    _exit(3);
+}
+
+class SignalHandlerTest : public FactoryTest {
+protected:
+    SignalHandlerTest() { outcome = &shared; }
+
+    void SetUp(void (*throwCallback)(), void (*terminateCallback)(const BasicString&)) {
+        std::unique_ptr<ISignalHandlerService>(factory->CreateSignalHandler())->Setup(throwCallback, terminateCallback);
+    }
+
+    // What the report says after the frames of the handler and of the system.
+    std::string Report() const { return shared->report.data(); }
+
+    SharedObject<Outcome> shared;
+};
+
+TEST_F(SignalHandlerTest, CrashIsReportedWithTheNamesOfTheFunctions) {
+    const struct {
+        const char* signal;
+        void (*crash)();
+        const char* function;
+    } table[] = {{"SIGSEGV", &CrashByWriting, "CrashByWriting()"},
+                 {"SIGILL", &CrashByIllegalInstruction, "CrashByIllegalInstruction()"},
+                 {"SIGFPE", &CrashByCalculating, "CrashByCalculating()"}};
+    for (const auto& row : table) {
+        for (const bool inThread : {false, true}) {
+            SCOPED_TRACE(std::string(row.signal) + (inThread ? " in a thread" : ""));
+            shared->report = {};
+            Child child([&] {
+                alarm(60);
+                SetUp(nullptr, &KeepReportAndEnd);
+                if (inThread) {
+                    std::thread(row.crash).join();
+                } else {
+                    row.crash();
+                }
+                return 0;
+            });
+            EXPECT_EQ(child.Wait(), 3);
+            const std::string report = Report();
+            const std::string heading = "Signal " + std::string(row.signal) + " occured.\r\nStacktrace:\r\n";
+            EXPECT_EQ(report.substr(0, heading.size()), heading);
+            EXPECT_NE(report.find("   at: " + std::string(row.function) + "\r\n", heading.size()), std::string::npos)
+                << report;
+            EXPECT_EQ(report.find("StackTraceHandler"), std::string::npos);
+            EXPECT_EQ(report.substr(report.size() - 2), "\r\n");
+        }
+    }
+}
+
+TEST_F(SignalHandlerTest, HandlerReturnsAndKeepsErrno) {
+    Child child([this] {
+        SetUp(nullptr, [](const BasicString& report) {
+            KeepReport(report);
+            errno = EIO;
+        });
+        errno = EPERM;
+        raise(SIGSEGV);
+        return errno == EPERM && shared->calls == 1 ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+    // Other signals have no name; no frames, no lines.
+    Child other([this] {
+        SetUp(nullptr, &KeepReport);
+        const FailingCall call("backtrace", 0, 0);
+        SignalHandlerService::StackTraceHandler(SIGTERM, nullptr, nullptr);
+        return Report() == "Signal  occured.\r\nStacktrace:\r\n" ? 0 : 1;
+    });
+    EXPECT_EQ(other.Wait(), 0);
+}
+
+TEST_F(SignalHandlerTest, WithoutAnEndTheCrashRecurs) {
+    for (const auto callback : {&KeepReport, static_cast<void (*)(const BasicString&)>(nullptr)}) {
+        shared->calls = 0;
+        Child child([&] {
+            SetUp(nullptr, callback);
+            const itimerval limit{{0, 0}, {0, 300000}};
+            setitimer(ITIMER_REAL, &limit, nullptr);
+            CrashByWriting();
+            return 0;
+        });
+        EXPECT_EQ(child.Wait(), 128 + SIGALRM);
+        EXPECT_EQ(shared->calls > 1, callback != nullptr);
+    }
+}
+
+class ThrowHandlerTest : public SignalHandlerTest {
+protected:
+    static void Install() {
+        alarm(60);
+        SignalHandlerService::pThrowExceptionCallback = [] {
+            throw std::runtime_error(std::to_string(SignalHandlerService::exceptionCode));
+        };
+        struct sigaction action {};
+        action.sa_flags = SA_SIGINFO;
+        action.sa_sigaction = &SignalHandlerService::ThrowHandler;
+        for (const int signal : {SIGSEGV, SIGILL, SIGFPE}) {
+            sigaction(signal, &action, nullptr);
+        }
+    }
+
+    // The signal that `function` was ended by, as its caller catches it.
+    template <typename Function>
+    static int CaughtFrom(Function&& function) {
+        // Kept over the exception, some of them in registers that a function saves for its caller.
+        volatile int seed = 1;
+        const int kept[] = {seed + 1, seed + 2, seed + 3, seed + 4, seed + 5, seed + 6};
+        int sum = 0;
+        try {
+            function();
+        } catch (const std::runtime_error& exception) {
+            sum = std::stoi(exception.what());
+        }
+        for (const int value : kept) {
+            sum += value;
+        }
+        return sum - 27;
+    }
+
+    [[gnu::noinline]] static int CatchesItself() {
+        try {
+            *nowhere = 1;
+        } catch (const std::runtime_error& exception) {
+            return std::stoi(exception.what());
+        }
+        return 0;
+    }
+};
+
+TEST_F(ThrowHandlerTest, CrashBecomesAnException) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP()
+        << "the thread sanitizer's own handler, between the kernel's frame and ours, is not made for exceptions";
+#endif
+    Child child([] {
+        Install();
+        const auto all = [] {
+            EXPECT_EQ(CatchesItself(), SIGSEGV);
+            EXPECT_EQ(CaughtFrom([] { LeafThatCrashes(nowhere); }), SIGSEGV);
+            EXPECT_EQ(CaughtFrom([] { LeafThatCrashesConditionally(1, nowhere); }), SIGSEGV);
+            EXPECT_EQ(CaughtFrom(&CrashByWriting), SIGSEGV);
+            // The compiler takes what it knows of the function to throw nothing.
+            void (*volatile const illegal)() = &CrashByIllegalInstruction;
+            EXPECT_EQ(CaughtFrom([&] { illegal(); }), SIGILL);
+        };
+        // Again and again: the signal does not stay blocked.
+        all();
+        all();
+        std::thread(all).join();
+        SignalHandlerService::exceptionCode = 0;
+        std::thread([] { EXPECT_EQ(CatchesItself(), SIGSEGV); }).join();
+        EXPECT_EQ(SignalHandlerService::exceptionCode, 0);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST_F(ThrowHandlerTest, WithoutCallbackNothingIsThrown) {
+    SignalHandlerService::pThrowExceptionCallback = nullptr;
+    SignalHandlerService::ThrowException();
+    static int calls = 0;
+    SignalHandlerService::pThrowExceptionCallback = [] { ++calls; };
+    SignalHandlerService::ThrowException();
+    EXPECT_EQ(calls, 1);
+    SignalHandlerService::pThrowExceptionCallback = [] { throw std::runtime_error("x"); };
+    EXPECT_THROW(SignalHandlerService::ThrowException(), std::runtime_error);
+    Child child([] {
+        Install();
+        SignalHandlerService::pThrowExceptionCallback = nullptr;
+        errno = EPERM;
+        raise(SIGSEGV);
+        return errno == EPERM && SignalHandlerService::exceptionCode == SIGSEGV ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+    SignalHandlerService::pThrowExceptionCallback = nullptr;
+}
+
+}  // namespace
