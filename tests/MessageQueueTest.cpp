@@ -87,6 +87,8 @@ TEST_F(MessageQueueTest, WaitsAsLongAsItIsTold) {
     const auto blocking = Make(true);
     const auto polling = Make(false, OpenMode::Open);
     EXPECT_TRUE(blocking->IsBlocking());
+    EXPECT_FALSE(MessageQueueService(name, false).IsBlocking());
+    EXPECT_TRUE(MessageQueueService(name, true).IsBlocking());
     EXPECT_FALSE(polling->IsBlocking());
 
     auto start = system_clock::now();
@@ -123,13 +125,13 @@ TEST_F(MessageQueueTest, OpensAsItIsTold) {
 
     const mode_t mask = umask(0);
     {
-        const MessageQueueService standard(name, OpenMode::OpenOrCreate, Access::ReadWrite, true);
+        const int descriptor = NextDescriptor();
+        const MessageQueueService standard(name, OpenMode::OpenOrCreate, Access::ReadWrite, false);
         struct stat status {};
+        EXPECT_FALSE(standard.IsBlocking());
         EXPECT_EQ(standard.GetMessageCount(), 0);
         EXPECT_GT(standard.GetMaxMessageCount(), 3);
         // A queue's descriptor is that of a file.
-        const int descriptor = dup(0) - 1;
-        close(descriptor + 1);
         EXPECT_EQ(fstat(descriptor, &status), 0);
         EXPECT_EQ(status.st_mode & 0777U, 0600U);
         EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
@@ -196,6 +198,17 @@ TEST_F(MessageQueueTest, FailedCallsAreReported) {
     EXPECT_TRUE(NameExists());
     queue->Unlink();
     EXPECT_FALSE(NameExists());
+
+    // The error is that of the call, whatever the question for the kind of queue leaves behind.
+    {
+        const auto waiting = Make(true);
+        FailingCall question("mq_getattr", [] { errno = EIO; });
+        question.InAnyThread();
+        const FailingCall call("mq_receive", -1, EAGAIN);
+        EXPECT_TRUE(Throws<VeException>([&] { Receive(*waiting); },
+                                        "Could not receive message. Error Resource temporarily unavailable."));
+        waiting->Unlink();
+    }
 
     // Only a queue that does not wait has no message at once; only a wait with a limit runs out of time.
     const auto another = Make(true);

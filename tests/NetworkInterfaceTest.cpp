@@ -1,5 +1,9 @@
 #include "support/Test.h"
 
+#include <net/if.h>
+
+#include <cstring>
+
 namespace {
 
 using NetworkInterfaceTest = FactoryTest;
@@ -19,21 +23,30 @@ TEST_F(NetworkInterfaceTest, TellsTheAddressesOfAnInterface) {
 
 TEST_F(NetworkInterfaceTest, HardwareAddressHasUnsignedBytes) {
     NetworkInterfaceInfo info;
-    // Its reply is what the query of the mask has left in its place: two bytes of port, then the mask.
-    const FailingCall reply("ioctl", 0, 0, 2);
+    const auto reply = [](void* request) {
+        std::memcpy(static_cast<ifreq*>(request)->ifr_hwaddr.sa_data, "\x02\x80\xFF\x0A\x7F\xC3", 6);
+    };
+    const FailingCall call("ioctl", 0, reply, 2);
     EXPECT_TRUE(NetworkInterfaceInfo::TryCreate("lo", info));
-    EXPECT_EQ(info.GetMacAddress(), "00:00:FF:00:00:00");
+    EXPECT_EQ(info.GetMacAddress(), "02:80:FF:0A:7F:C3");
+}
+
+TEST_F(NetworkInterfaceTest, FifteenCharactersOfANameCount) {
+    NetworkInterfaceInfo info;
+    std::string asked;
+    const FailingCall call("ioctl", -1, [&asked](void* request) { asked = static_cast<ifreq*>(request)->ifr_name; });
+    EXPECT_FALSE(NetworkInterfaceInfo::TryCreate("abcdefghijklmnopq", info));
+    EXPECT_EQ(asked, "abcdefghijklmno");
+    EXPECT_EQ(info.GetName(), "abcdefghijklmnopq");
 }
 
 TEST_F(NetworkInterfaceTest, FailuresAreToldInTheErrorString) {
-    const BasicString longName(40, 'x');
     const struct {
         BasicString name;
         const char* failingCall;
         int skip;
         BasicString error;
     } table[] = {{"kel-none", nullptr, 0, "Network interface 'kel-none' could not be found. "},
-                 {longName, nullptr, 0, "Network interface '" + longName + "' could not be found. "},
                  {"lo", "socket", 0, "no socket"},
                  {"lo", "ioctl", 0, "Network interface 'lo' could not be found. "},
                  {"lo", "ioctl", 1, "ioctl(SIOCGIFNETMASK)"},

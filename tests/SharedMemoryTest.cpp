@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -31,7 +32,13 @@ protected:
 };
 
 TEST_F(SharedMemoryTest, IsSeenByOtherProcessesAndOutlivesItsObjects) {
+    const mode_t mask = umask(0);
+    const int descriptor = NextDescriptor();
     auto memory = Make(create, 5000);
+    umask(mask);
+    struct stat status {};
+    EXPECT_EQ(fstat(descriptor, &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0666U);
     EXPECT_EQ(memory->GetName(), name);
     EXPECT_EQ(memory->GetSize(), 5000U);
     auto* const bytes = static_cast<volatile char*>(memory->GetAddress());
@@ -57,8 +64,7 @@ TEST_F(SharedMemoryTest, ClosingKeepsTheNameAndUnlinkingTheDescriptor) {
     memory->Close();
     EXPECT_TRUE(NameExists());
 
-    const int descriptor = dup(0);
-    close(descriptor);
+    const int descriptor = NextDescriptor();
     const auto again = Make(openExisting);
     EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
     again->Unlink();
@@ -89,23 +95,13 @@ TEST_F(SharedMemoryTest, FailedCallsAreReported) {
 
     const auto memory = Make(openExisting);
     const auto another = Make(openExisting);
-    const int descriptor = dup(0) - 1;
-    close(descriptor + 1);
-    const struct {
-        const char* function;
-        std::function<void()> operation;
-        std::string message;
-    } table[] = {
-        {"shm_open", [this] { Make(create); }, Message("Create", "created: Permission denied")},
-        {"ftruncate64", [this] { Make(create); },
-         Message("TruncateMemory", "truncated to 64 length: Permission denied")},
-        {"shm_unlink", [&] { memory->Unlink(); }, Message("Unlink", "unlinked: Permission denied")},
-        {"close", [&] { another->Close(); }, Message("Close", "closed: Permission denied")},
-    };
-    for (const auto& row : table) {
-        const FailingCall call(row.function, -1, EACCES);
-        EXPECT_TRUE(Throws<Exception>(row.operation, row.message));
-    }
+    const int descriptor = NextDescriptor() - 1;
+    ExpectFailures<Exception>(
+        Told::ByErrno,
+        {{"shm_open", [this] { Make(create); }, Message("Create", "created: {}")},
+         {"ftruncate64", [this] { Make(create); }, Message("TruncateMemory", "truncated to 64 length: {}")},
+         {"shm_unlink", [&] { memory->Unlink(); }, Message("Unlink", "unlinked: {}")},
+         {"close", [&] { another->Close(); }, Message("Close", "closed: {}")}});
     // The failed ones stay open, and are nobody's any more.
     memory->Close();
     another->Close();

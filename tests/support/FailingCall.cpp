@@ -1,9 +1,5 @@
 #include "FailingCall.h"
 
-#include "Throws.h"
-
-#include <Kel/System/Ve/Exceptions/VeException.h>
-
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <lttng/lttng.h>
@@ -14,6 +10,7 @@
 #include <semaphore.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -92,6 +89,12 @@ FailingCall::FailingCall(const char* functionName, std::function<void()> callHoo
     armedCall = this;
 }
 
+FailingCall::FailingCall(const char* functionName, std::intptr_t callResult, std::function<void(void*)> callReply,
+                         int callsToSkip)
+    : function(functionName), result(callResult), errnoAfter(0), skip(callsToSkip), reply(std::move(callReply)) {
+    armedCall = this;
+}
+
 void FailingCall::InAnyThread() {
     armedCall = nullptr;
     armedCallOfAnyThread = this;
@@ -103,7 +106,7 @@ FailingCall::~FailingCall() {
     EXPECT_TRUE(happened) << function << " was not called";
 }
 
-bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult) {
+bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult, void* argument) {
     const auto isMeant = [functionName](const FailingCall* call) {
         return call != nullptr && std::strcmp(call->function, functionName) == 0;
     };
@@ -123,6 +126,9 @@ bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult
     if (call->hook) {
         call->hook();
         return false;
+    }
+    if (call->reply) {
+        call->reply(argument);
     }
     callResult = call->result;
     errno = call->errnoAfter;
@@ -155,29 +161,17 @@ FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
 
 FailingAllocation::~FailingAllocation() { allocationsLeft = -1; }
 
-void ExpectFailures(Told told, const std::vector<Failure>& table) {
-    const std::intptr_t results[] = {EINVAL, -1, 0, EINVAL};
-    const std::string error = told == Told::ByCode ? "Invalid argument" : "Permission denied";
-    for (const Failure& row : table) {
-        SCOPED_TRACE(row.function);
-        std::string message = row.message;
-        if (const auto place = message.find("{}"); place != std::string::npos) {
-            message.replace(place, 2, error);
-        }
-        const FailingCall call(row.function, results[static_cast<std::size_t>(told)], EACCES);
-        EXPECT_TRUE(Throws<Kel::System::Ve::Exceptions::VeException>(row.operation, message));
-    }
-}
-
 // The library is a shared object, so these definitions in the executable come before those of the C library. The label
 // gives them the function's name without clashing with its declaration in the system's headers.
-#define INTERCEPT(Result, function, parameters, ...)                                      \
-    extern "C" Result Intercept_##function parameters __asm__(#function);                 \
-    extern "C" Result Intercept_##function parameters {                                   \
-        static std::atomic<Result(*) parameters> found{nullptr};                          \
-        const auto next = Next(found, #function);                                         \
-        std::intptr_t result;                                                             \
-        return FailingCall::Intercepts(#function, result) ? (Result)result : __VA_ARGS__; \
+#define INTERCEPT(Result, function, parameters, ...) INTERCEPT_WITH(nullptr, Result, function, parameters, __VA_ARGS__)
+// The same, with the argument that a reply is to fill in.
+#define INTERCEPT_WITH(argument, Result, function, parameters, ...)                                 \
+    extern "C" Result Intercept_##function parameters __asm__(#function);                           \
+    extern "C" Result Intercept_##function parameters {                                             \
+        static std::atomic<Result(*) parameters> found{nullptr};                                    \
+        const auto next = Next(found, #function);                                                   \
+        std::intptr_t result;                                                                       \
+        return FailingCall::Intercepts(#function, result, argument) ? (Result)result : __VA_ARGS__; \
     }
 
 // NOLINTBEGIN(performance-no-int-to-ptr): a result to return, whatever its type.
@@ -242,12 +236,12 @@ INTERCEPT(int, pthread_setaffinity_np, (pthread_t a, std::size_t b, const cpu_se
 INTERCEPT(int, nanosleep, (const timespec* a, timespec* b), next(a, b))
 INTERCEPT(int, open64, (const char* a, int b, mode_t c), next(a, b, c))
 INTERCEPT(int, close, (int a), next(a))
-INTERCEPT(int, ioctl, (int a, unsigned long b, void* c), next(a, b, c))
+INTERCEPT_WITH(c, int, ioctl, (int a, unsigned long b, void* c), next(a, b, c))
 INTERCEPT(int, socket, (int a, int b, int c), next(a, b, c))
 INTERCEPT(int, getsockname, (int a, sockaddr* b, socklen_t* c), next(a, b, c))
 INTERCEPT(ssize_t, recv, (int a, void* b, std::size_t c, int d), next(a, b, c, d))
 INTERCEPT(int, select, (int a, fd_set* b, fd_set* c, fd_set* d, timeval* e), next(a, b, c, d, e))
-INTERCEPT(int, poll, (pollfd* a, nfds_t b, int c), next(a, b, c))
+INTERCEPT_WITH(a, int, poll, (pollfd* a, nfds_t b, int c), next(a, b, c))
 INTERCEPT(int, shutdown, (int a, int b), next(a, b))
 INTERCEPT(mqd_t, mq_open, (const char* a, int b, mode_t c, mq_attr* d), next(a, b, c, d))
 INTERCEPT(int, mq_send, (mqd_t a, const char* b, std::size_t c, unsigned int d), next(a, b, c, d))
@@ -263,6 +257,7 @@ INTERCEPT(int, ftruncate64, (int a, off64_t b), next(a, b))
 INTERCEPT(FILE*, fopen64, (const char* a, const char* b), next(a, b))
 INTERCEPT(FILE*, fdopen, (int a, const char* b), next(a, b))
 INTERCEPT(int, fileno, (FILE* a), next(a))
+INTERCEPT(int, stat64, (const char* a, struct stat64* b), next(a, b))
 INTERCEPT(int, fsync, (int a), next(a))
 INTERCEPT(int, fseek, (FILE* a, long b, int c), next(a, b, c))
 INTERCEPT(long, ftell, (FILE* a), next(a))

@@ -1,8 +1,14 @@
 #pragma once
 
+#include "Throws.h"
+
+#include <Kel/System/Ve/Exceptions/VeException.h>
+
+#include <gtest/gtest.h>
 #include <time.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -20,6 +26,10 @@ public:
     /// The call goes through, but runs `hook` before.
     FailingCall(const char* function, std::function<void()> hook, int skip = 0);
 
+    /// The call does not reach the function: `reply` fills in what its pointer argument points to, and it returns
+    /// `result`. For poll and ioctl.
+    FailingCall(const char* function, std::intptr_t result, std::function<void(void*)> reply, int skip = 0);
+
     /// Makes it the call of whichever thread comes first; then none is skipped, and another call of this thread may be
     /// made to fail beside it.
     void InAnyThread();
@@ -30,7 +40,7 @@ public:
     FailingCall& operator=(const FailingCall&) = delete;
 
     /// For the intercepting functions: true when this call is to return `result`.
-    static bool Intercepts(const char* function, std::intptr_t& result);
+    static bool Intercepts(const char* function, std::intptr_t& result, void* argument = nullptr);
 
 private:
     const char* function;
@@ -38,6 +48,7 @@ private:
     int errnoAfter;
     int skip;
     std::function<void()> hook;
+    std::function<void(void*)> reply;
     std::atomic<bool> happened{false};
 };
 
@@ -96,6 +107,19 @@ struct Failure {
     std::string message;
 };
 
-/// Runs each row: the operation must throw VeException with exactly the row's message when its call fails. A code that
-/// is returned is EINVAL (22), errno is EACCES, also when it is not errno that tells.
-void ExpectFailures(Told told, const std::vector<Failure>& table);
+/// Runs each row: the operation must throw exactly this type with exactly the row's message when its call fails. A code
+/// that is returned is EINVAL (22), errno is EACCES, also when it is not errno that tells.
+template <typename ExceptionType = Kel::System::Ve::Exceptions::VeException>
+void ExpectFailures(Told told, const std::vector<Failure>& table) {
+    const std::intptr_t results[] = {EINVAL, -1, 0, EINVAL};
+    const std::string error = told == Told::ByCode ? "Invalid argument" : "Permission denied";
+    for (const Failure& row : table) {
+        SCOPED_TRACE(row.function);
+        std::string message = row.message;
+        if (const auto place = message.find("{}"); place != std::string::npos) {
+            message.replace(place, 2, error);
+        }
+        const FailingCall call(row.function, results[static_cast<std::size_t>(told)], EACCES);
+        EXPECT_TRUE(Throws<ExceptionType>(row.operation, message));
+    }
+}

@@ -6,8 +6,9 @@
 namespace Kel::System::Ve {
 
 /// An open file, as a buffered stream of bytes (fopen). Several threads may read, write, flush and seek it, each
-/// operation as a whole; whoever closes or deletes it sees to it that no other operation is in progress. Between
-/// writing and reading, seek or flush. What fails throws VeException; so does everything once the file is closed.
+/// operation as a whole, but the position that Seek returns may be where another has moved it; whoever closes or
+/// deletes it sees to it that no other operation is in progress. Between writing and reading, seek or flush. Once the
+/// file is closed, everything throws VeException.
 class KEL_API IFileService : public virtual IServiceObject {
 public:
     /// All but `Open` and `OpenOrCreate` need write access.

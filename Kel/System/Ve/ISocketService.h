@@ -9,7 +9,7 @@ namespace Kel::System::Ve {
 /// A socket: IPv4 or local (Unix domain), stream or datagram.
 ///
 /// What goes wrong at run time is told by a `SocketError`, as the result or beside it; only Bind, Connect and SendTo of
-/// a socket without a domain, and Close of a file-bound local socket, throw VeException.
+/// a socket without a domain, and Close of a local socket whose file cannot be removed, throw VeException.
 ///
 /// IPv4 addresses are in network byte order, as in `sin_addr`; ports are in the host's. Local names that live in the
 /// abstract namespace belong to no file and vanish with their socket; 106 characters of a name count.

@@ -66,7 +66,7 @@ public:
                                                      ISharedMemoryService::mode mode) = 0;
 
     /// Makes a socket. A local one binds and connects to names in the abstract namespace. When the system refuses a
-    /// blocking one, it has the descriptor -1, and all its operations fail.
+    /// blocking one, it has the descriptor -1, and nothing can be done with it.
     virtual ISocketService* CreateSocket(ISocketService::SocketType type, ISocketService::SocketDomain domain,
                                          ISocketService::SocketBlockingMode blockingMode) = 0;
 

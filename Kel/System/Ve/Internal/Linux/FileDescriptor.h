@@ -9,6 +9,12 @@
 
 namespace Kel::System::Ve::Internal::Linux {
 
+/// As close, but not a cancellation point: cancelled there, a thread would lose a descriptor that it has given up.
+inline int CloseDescriptor(int descriptor) {
+    const CancellationDisabled disabled;
+    return close(descriptor);
+}
+
 /// Owns a file descriptor, or -1 for none, and closes it at the end. Closing leaves errno alone.
 class FileDescriptor {
 public:
@@ -16,9 +22,8 @@ public:
 
     ~FileDescriptor() {
         if (descriptor != -1) {
-            const CancellationDisabled disabled;
             const int errorNumber = errno;
-            close(descriptor);
+            CloseDescriptor(descriptor);
             errno = errorNumber;
         }
     }

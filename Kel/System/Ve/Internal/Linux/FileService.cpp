@@ -95,7 +95,6 @@ FileService::FileService(const BasicString& path, FileMode mode, FileAccess acce
 
 FileService::~FileService() {
     if (pFile != nullptr) {
-        const CancellationDisabled disabled;
         try {
             Close();
         } catch (const std::exception&) {
@@ -105,6 +104,7 @@ FileService::~FileService() {
 }
 
 void FileService::Open(const BasicString& path, FileMode mode, FileAccess access) {
+    // The new access holds from here, also for a stream that stays open because of what is refused below.
     const FileAccess accessBefore = std::exchange(fileAccess, access);
     if (access != FileAccess::Read && access != FileAccess::Write && access != FileAccess::ReadWrite) {
         throw VeException("{0}: Invalid access mode.", __func__);
@@ -174,6 +174,8 @@ int FileService::Flush() {
 }
 
 int FileService::Close() {
+    // Cancelled half-way, the thread would lose the stream.
+    const CancellationDisabled disabled;
     std::FILE* const stream = CheckOpen(pFile);
     // Once flushing has failed, fclose knows nothing of what was lost.
     int flushed = 0;
@@ -219,7 +221,8 @@ int FileService::Seek(unsigned int offset, SeekOrigin origin) {
 
 bool FileService::Exists(const BasicString& path) {
     struct stat status {};
-    return stat(path.c_str(), &status) == 0;
+    // Where the time has 32 bits, a file of a later time than these can tell is there all the same.
+    return stat(path.c_str(), &status) == 0 || errno == EOVERFLOW;
 }
 
 bool FileService::Delete(const BasicString& path) { return remove(path.c_str()) == 0; }
@@ -235,7 +238,7 @@ int FileService::Sync(const BasicString& path) {
                           ErrorText(errorNumber));
     }
     CheckErrno(fsync(descriptor.Get()), syncFailed);
-    return close(descriptor.Release());
+    return CloseDescriptor(descriptor.Release());
 }
 
 int FileService::MapSystemErrorCode(unsigned int code) {

@@ -24,7 +24,8 @@ public:
     int Flush() override;
     int Close() override;
 
-    /// Opens a file; the one that is open is closed before, as Close would do it. Throws NotExistException,
+    /// Opens a file; the one that is open is closed before, as Close would do it, but what Close would return is not
+    /// told. When the arguments are refused, it stays open. Throws NotExistException,
     /// AlreadyExistsException, AccessDeniedException, InvalidPathException, and VeException for what else can fail.
     void Open(const BasicString& path, FileMode mode, FileAccess access);
 

@@ -153,8 +153,10 @@ int MessageQueueService::Receive(char* buffer, unsigned int length, unsigned int
 }
 
 void MessageQueueService::Close() {
+    // Before an Unlink at the same time takes it away.
+    const mqd_t open = queueDescriptor;
     // Of several threads one closes: a second time would close whatever has got the number since.
-    if (isOpen.exchange(false) && mq_close(queueDescriptor) == -1) {
+    if (isOpen.exchange(false) && mq_close(open) == -1) {
         const int errorNumber = errno;
         isOpen = true;
         ThrowFailure(errorNumber, "Could not close message queue. Error {1}.");
@@ -162,10 +164,16 @@ void MessageQueueService::Close() {
 }
 
 void MessageQueueService::Unlink() {
-    if (queueDescriptor != -1) {
-        Close();
-        CheckErrno(mq_unlink(name.c_str()), "Could not unlink message queue. Error {1}.");
-        queueDescriptor = -1;
+    if (queueDescriptor == -1) {
+        return;
+    }
+    Close();
+    // Of several threads one unlinks: a second time would meet whatever has got the name since.
+    const mqd_t closed = queueDescriptor.exchange(-1);
+    if (closed != -1 && mq_unlink(name.c_str()) == -1) {
+        const int errorNumber = errno;
+        queueDescriptor = closed;
+        ThrowFailure(errorNumber, "Could not unlink message queue. Error {1}.");
     }
 }
 

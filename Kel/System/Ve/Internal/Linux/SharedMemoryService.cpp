@@ -3,11 +3,11 @@
 #include <Kel/Core/CancellationDisabled.h>
 #include <Kel/Core/ErrorText.h>
 #include <Kel/Core/Exception.h>
+#include <Kel/System/Ve/Internal/Linux/FileDescriptor.h>
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -38,9 +38,8 @@ SharedMemoryService::SharedMemoryService(const BasicString& memoryName, unsigned
             Open();
         }
     } catch (...) {
-        if (descriptor > 0) {
-            close(descriptor);
-        }
+        // Also -1 when there is none.
+        const FileDescriptor closing(descriptor != 0 ? descriptor.load() : -1);
         throw;
     }
 }
@@ -80,7 +79,7 @@ void SharedMemoryService::Close() {
     // Of several threads one closes: a second time would close whatever has got the number since.
     const int open = descriptor.exchange(0);
     if (open != 0) {
-        CheckErrno(close(open), "{0}: Shared Memory <{1}> could not be closed: {2}", name);
+        CheckErrno(CloseDescriptor(open), "{0}: Shared Memory <{1}> could not be closed: {2}", name);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -18,6 +19,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace Kel::System::Ve::Internal {
@@ -94,14 +96,14 @@ int GetResultOption(ISocketService& socket, ISocketService::SocketOptionName opt
 }
 
 template <typename Address>
-ISocketService* AcceptFrom(int listener, Address& peer, ISocketService::SocketError& error) {
+std::unique_ptr<ISocketService> AcceptFrom(int listener, Address& peer, ISocketService::SocketError& error) {
     socklen_t length = sizeof peer;
     FileDescriptor accepted(Count(accept4(listener, Generic(peer), &length, SOCK_CLOEXEC), error));
     if (accepted.Get() == -1) {
         return nullptr;
     }
     int descriptor = accepted.Get();
-    ISocketService* const service = ServiceFactory::GetInstance()->CreateSocket(&descriptor);
+    std::unique_ptr<ISocketService> service(ServiceFactory::GetInstance()->CreateSocket(&descriptor));
     accepted.Release();
     return service;
 }
@@ -124,7 +126,11 @@ SocketService::SocketService(void* handle)
     : ServiceObjectBase(serviceName, ServiceType::Socket, true),
       SocketServiceBase(SocketType{}, SocketDomain{}),
       socketDescriptor(handle != nullptr ? *static_cast<const int*>(handle) : -1),
-      isAbstract(true) {}
+      isAbstract(true) {
+    if (socketDescriptor != -1) {
+        fcntl(socketDescriptor, F_SETFD, FD_CLOEXEC);
+    }
+}
 
 SocketService::~SocketService() {
     const CancellationDisabled disabled;
@@ -286,21 +292,21 @@ int SocketService::Bind(const BasicString& name) {
 
 ISocketService* SocketService::Accept(unsigned int& ipAddress, int& port, SocketError& error) {
     sockaddr_in peer{};
-    ISocketService* const service = AcceptFrom(socketDescriptor, peer, error);
-    if (service != nullptr) {
+    std::unique_ptr<ISocketService> service = AcceptFrom(socketDescriptor, peer, error);
+    if (service) {
         ipAddress = peer.sin_addr.s_addr;
         port = ntohs(peer.sin_port);
     }
-    return service;
+    return service.release();
 }
 
 ISocketService* SocketService::Accept(BasicString& name, SocketError& error) {
     sockaddr_un peer{};
-    ISocketService* const service = AcceptFrom(socketDescriptor, peer, error);
-    if (service != nullptr) {
+    std::unique_ptr<ISocketService> service = AcceptFrom(socketDescriptor, peer, error);
+    if (service) {
         name = PathOf(peer);
     }
-    return service;
+    return service.release();
 }
 
 int SocketService::Connect(unsigned int ipAddress, int port) {
@@ -352,20 +358,22 @@ int SocketService::Select(SelectMode mode, unsigned int timeoutMicroseconds, Soc
         return Refuse(TranslateError(EBADF), error);
     }
 
+    const bool reads = mode == SelectMode::Readable || mode == SelectMode::Acceptable;
+    const bool writes = mode == SelectMode::Writable || mode == SelectMode::Connected;
     // An fd_set ends at 1024; the kernel takes a longer one.
     constexpr int bitsPerWord = NFDBITS;
     std::array<fd_mask, FD_SETSIZE / bitsPerWord> few{};
     std::vector<fd_mask> many;
     fd_mask* words = few.data();
-    if (descriptor >= FD_SETSIZE) {
-        many.resize(static_cast<std::size_t>(descriptor / bitsPerWord) + 1);
-        words = many.data();
+    if (reads || writes) {
+        if (descriptor >= FD_SETSIZE) {
+            many.resize(static_cast<std::size_t>(descriptor / bitsPerWord) + 1);
+            words = many.data();
+        }
+        words[descriptor / bitsPerWord] =
+            static_cast<fd_mask>(1UL << static_cast<unsigned int>(descriptor % bitsPerWord));
     }
-    words[descriptor / bitsPerWord] = static_cast<fd_mask>(1UL << static_cast<unsigned int>(descriptor % bitsPerWord));
     auto* const set = reinterpret_cast<fd_set*>(words);
-
-    const bool reads = mode == SelectMode::Readable || mode == SelectMode::Acceptable;
-    const bool writes = mode == SelectMode::Writable || mode == SelectMode::Connected;
     timeval limit{static_cast<time_t>(timeoutMicroseconds / 1000000),
                   static_cast<suseconds_t>(timeoutMicroseconds % 1000000)};
     const int result = Count(select(descriptor + 1, reads ? set : nullptr, writes ? set : nullptr, nullptr,
@@ -471,7 +479,7 @@ int SocketService::Close() {
     isClosed = true;
     // Before the number becomes free, so that no operation begun later uses it.
     socketDescriptor = -1;
-    return Status(close(descriptor));
+    return Status(CloseDescriptor(descriptor));
 }
 
 void SocketService::Unlink() {
@@ -479,6 +487,9 @@ void SocketService::Unlink() {
     socklen_t length = sizeof address;
     if (getsockname(socketDescriptor, Generic(address), &length) == -1) {
         throw VeException("Could not query if local domain is bound to a file.");
+    }
+    if (address.sun_family != AF_UNIX) {
+        return;
     }
     // Abstract names begin with a null, and so does the place of a name when there is none.
     const BasicString path = PathOf(address);

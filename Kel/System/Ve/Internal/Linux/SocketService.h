@@ -19,7 +19,7 @@ public:
     SocketService(SocketType type, SocketDomain domain, SocketBlockingMode blockingMode, bool abstract);
 
     /// Takes over the descriptor (an int) that `handle` points to, from now on its owner; null for none. The socket has
-    /// no type and no domain.
+    /// no type and no domain, and its descriptor is closed in programs that this process starts.
     explicit SocketService(void* handle);
 
     /// Closes the socket. Ends the process when the file of a local socket cannot be removed.
