@@ -1,6 +1,9 @@
 #include "support/Test.h"
 #include "support/UniqueName.h"
 
+#include <mqueue.h>
+#include <sys/mman.h>
+
 #include <cstddef>
 #include <iostream>
 #include <new>
@@ -154,13 +157,19 @@ TEST_F(ServiceFactoryTest, ListsLiveServiceObjects) {
 }
 
 TEST_F(ServiceFactoryTest, MakesServicesThatKnowWhatTheyAre) {
+    using OpenMode = IMessageQueueService::OpenMode;
+    using Access = IMessageQueueService::Access;
     const BasicString name = UniqueName("factory");
     const std::unique_ptr<ISemaphoreService> named(factory->CreateSemaphore(name, 0));
+    const MessageQueueService queue(name, OpenMode::CreateNew, Access::ReadWrite, true);
+    BasicString error;
     const struct {
         IServiceObject* object;
         const char* name;
         ServiceType type;
     } table[] = {
+        {factory->CreateProcess(), "ProcessService", ServiceType::Process},
+        {factory->CreateSharedLibrary(), "SharedLibraryService", ServiceType::SharedLibrary},
         {factory->CreateMutex(false), "MutexService", ServiceType::Mutex},
         {factory->CreateSemaphore(0), "SemaphoreService", ServiceType::Semaphore},
         {factory->CreateSemaphore(name), "SemaphoreService", ServiceType::Semaphore},
@@ -168,8 +177,25 @@ TEST_F(ServiceFactoryTest, MakesServicesThatKnowWhatTheyAre) {
         {factory->CreateThread(nullptr), "ThreadService", ServiceType::Thread},
         {factory->CreateThread(nullptr, nullptr), "ThreadService", ServiceType::Thread},
         {factory->CreateThread(nullptr, nullptr, "", 0, 0, 0), "ThreadService", ServiceType::Thread},
+        {factory->CreateSharedMemory(name, 1, ISharedMemoryService::mode::Create), "SharedMemoryService",
+         ServiceType::SharedMemory},
+        {factory->CreateSocket(ISocketService::SocketType::Stream, ISocketService::SocketDomain::Ipv4,
+                               ISocketService::SocketBlockingMode::Blocking),
+         "SocketService", ServiceType::Socket},
+        {factory->CreateSocket(nullptr), "SocketService", ServiceType::Socket},
+        {factory->CreateNonAbstractIpcSocket(), "SocketService", ServiceType::Socket},
+        {factory->CreateFile("/", IFileService::FileMode::Open, IFileService::FileAccess::Read, false),
+         "FileServiceBase", ServiceType::File},
         {factory->CreateRWLock(), "RWLockService", ServiceType::RWLock},
+        {factory->CreateMessageQueue(name, true), "MessageQueueService", ServiceType::MessageQueue},
+        {factory->CreateMessageQueue(name, OpenMode::Open, Access::ReadOnly, true), "MessageQueueService",
+         ServiceType::MessageQueue},
+        {factory->CreateMessageQueue(name, OpenMode::Open, Access::ReadOnly, true, 0, 0), "MessageQueueService",
+         ServiceType::MessageQueue},
         {factory->CreateConditionVariable(), "CondVariableService", ServiceType::ConditionVariable},
+        {factory->CreateTraceController(), "TraceControllerService", ServiceType::TraceController},
+        {factory->CreateSignalHandler(), "SignalHandlerService", ServiceType::SignalHandler},
+        {factory->CreateNetworkInterfaceInfo("lo", error), "NetworkInterfaceInfo", static_cast<ServiceType>(18)},
     };
     for (const auto& row : table) {
         const std::unique_ptr<IServiceObject> object(row.object);
@@ -177,6 +203,8 @@ TEST_F(ServiceFactoryTest, MakesServicesThatKnowWhatTheyAre) {
         EXPECT_EQ(object->GetServiceType(), row.type);
         EXPECT_EQ(factory->GetRegisteredServiceObjects().count(row.object), 1U);
     }
+    mq_unlink(name.c_str());
+    shm_unlink(name.c_str());
 }
 
 TEST_F(ServiceFactoryTest, CountsEveryRegistrationAndRelease) {

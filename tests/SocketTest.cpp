@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -113,9 +115,7 @@ int RawBind(int descriptor, const Address& address) {
     return bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
-bool ClosesOnExec(const ISocketService& socket) {
-    return (fcntl(socket.GetSocketDescriptor(), F_GETFD) & FD_CLOEXEC) != 0;
-}
+bool ClosesOnExec(const ISocketService& socket) { return fcntl(socket.GetSocketDescriptor(), F_GETFD) == FD_CLOEXEC; }
 
 TEST_F(SocketTest, StreamsCarryBytesBothWays) {
     int port = 0;
@@ -220,7 +220,7 @@ TEST_F(SocketTest, LocalNamesAreAbstract) {
 }
 
 TEST_F(SocketTest, SocketFilesAreConnectedToAndRemovedByWhoIsBoundToThem) {
-    const std::string path = folder / "receiver";
+    const std::string path = folder / std::string(107 - (folder / "").size(), 'r');
     const int receiver = socket(AF_UNIX, SOCK_DGRAM, 0);
     ASSERT_EQ(RawBind(receiver, PathAddress(path)), 0);
     const Socket sender(factory->CreateNonAbstractIpcSocket());
@@ -249,6 +249,12 @@ TEST_F(SocketTest, SocketFilesAreConnectedToAndRemovedByWhoIsBoundToThem) {
         EXPECT_TRUE(
             Throws<VeException>([&] { bound->Close(); }, "Could not query if local domain is bound to a file."));
     }
+    // Nor can it be deleted.
+    Child child([&] {
+        delete bound.get();
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 128 + SIGABRT);
     // Still open.
     EXPECT_EQ(Select(*bound, SelectMode::Writable).first, 1);
     std::ofstream(longPath) << "";
@@ -273,20 +279,14 @@ TEST_F(SocketTest, EndOfThePeerIsSeen) {
     const struct {
         const char* what;
         std::function<void(ISocketService&)> end;
-        Result readable;
-        Result writable;
         std::string received;
-    } table[] = {
-        {"closes", closes, {1, Error::ConnReset}, {1, Error::ConnReset}, ""},
-        {"half-closes", halfCloses, {1, Error::ConnReset}, {1, Error::ConnReset}, ""},
-        {"resets", resets, {1, Error::ConnReset}, {1, Error::ConnReset}, "10054"},
-    };
+    } table[] = {{"closes", closes, ""}, {"half-closes", halfCloses, ""}, {"resets", resets, "10054"}};
     for (const auto& row : table) {
         SCOPED_TRACE(row.what);
         const Connection connection = Connect();
         row.end(*connection.server);
-        EXPECT_EQ(Poll(*connection.client, PollMode::Readable), row.readable);
-        EXPECT_EQ(Poll(*connection.client, PollMode::Writable), row.writable);
+        EXPECT_EQ(Poll(*connection.client, PollMode::Readable), Result(1, Error::ConnReset));
+        EXPECT_EQ(Poll(*connection.client, PollMode::Writable), Result(1, Error::ConnReset));
         EXPECT_EQ(Select(*connection.client, SelectMode::Readable), Result(1, Error::Success));
         EXPECT_EQ(Receive(*connection.client), row.received);
     }
@@ -300,6 +300,50 @@ TEST_F(SocketTest, EndOfThePeerIsSeen) {
     Send(*connection.client, "x");
     connection.server->Close();
     EXPECT_EQ(Send(*connection.client, "x"), Result(-1, Error::NotConn));
+    Error error{};
+    EXPECT_EQ(connection.client->SendTo("x", 1, error, loopback, 1), -1);
+    EXPECT_EQ(error, Error::NotConn);
+}
+
+TEST_F(SocketTest, PollJudgesWhatTheSystemReports) {
+    const Connection connection = Connect();
+    const struct {
+        int events;
+        Result result;
+        // After a Shutdown by this side.
+        Result afterShutdown;
+    } table[] = {{POLLIN, {1, Error::Success}, {1, Error::Shutdown}},
+                 {POLLRDNORM, {1, Error::Success}, {1, Error::Shutdown}},
+                 {POLLRDBAND, {1, Error::Success}, {1, Error::Shutdown}},
+                 {POLLOUT, {1, Error::Success}, {1, Error::Shutdown}},
+                 {POLLWRNORM, {1, Error::Success}, {1, Error::Shutdown}},
+                 {POLLWRBAND, {1, Error::Success}, {1, Error::Shutdown}},
+                 {POLLIN | POLLHUP, {1, Error::ConnReset}, {1, Error::Shutdown}},
+                 {POLLHUP, {1, Error::ConnReset}, {1, Error::ConnReset}},
+                 {POLLHUP | POLLNVAL | POLLERR, {1, Error::ConnReset}, {1, Error::ConnReset}},
+                 {POLLNVAL, {-1, Error::NotSock}, {-1, Error::NotSock}},
+                 {POLLNVAL | POLLERR, {-1, Error::NotSock}, {-1, Error::NotSock}},
+                 {POLLPRI, {-1, Error::Unclassified}, {-1, Error::Unclassified}},
+                 {POLLERR | POLLRDHUP, {-1, Error::Unclassified}, {-1, Error::Unclassified}},
+                 {POLLIN | POLLRDHUP, {1, Error::ConnReset}, {1, Error::ConnReset}},
+                 {0, {-1, Error::Unclassified}, {-1, Error::Unclassified}},
+                 {POLLIN | POLLRDBAND, {-1, Error::VerNotSupported}, {-1, Error::VerNotSupported}}};
+    for (const bool isShutdown : {false, true}) {
+        for (const auto& row : table) {
+            int asked = 0;
+            const FailingCall call("poll", 1, [&](void* polled) {
+                asked = static_cast<pollfd*>(polled)->events;
+                static_cast<pollfd*>(polled)->revents = static_cast<short>(row.events);
+            });
+            EXPECT_EQ(Poll(*connection.client, PollMode::Acceptable), isShutdown ? row.afterShutdown : row.result)
+                << row.events << (isShutdown ? " after Shutdown" : "");
+            EXPECT_EQ(asked, POLLIN | POLLRDBAND);
+        }
+        // Known before it happens.
+        const FailingCall call(
+            "shutdown", [&] { EXPECT_EQ(Poll(*connection.client, PollMode::Writable), Result(1, Error::Shutdown)); });
+        connection.client->Shutdown(ShutdownMode::Receive);
+    }
 }
 
 TEST_F(SocketTest, ShutdownWakesWhoPolls) {
@@ -387,10 +431,11 @@ TEST_F(SocketTest, OptionsReachTheSystem) {
         EXPECT_EQ(socket->SetSockOpt(row.option, &one, sizeof one), 0);
         EXPECT_EQ(getsockopt(descriptor, row.level, row.name, &value, &length), 0);
         EXPECT_EQ(value, 1);
-        unsigned int room = sizeof value;
-        value = 0;
-        EXPECT_EQ(socket->GetSockOpt(row.option, &value, &room), 0);
-        EXPECT_EQ(value, 1);
+        std::pair<int, int> reply{0, 7};
+        unsigned int room = sizeof reply;
+        EXPECT_EQ(socket->GetSockOpt(row.option, &reply, &room), 0);
+        EXPECT_EQ(reply, std::pair(1, 7));
+        EXPECT_EQ(room, sizeof reply);
     }
     const timeval limit{3, 500000};
     for (const auto& [option, systemName] :
@@ -437,10 +482,9 @@ TEST_F(SocketTest, OptionsReachTheSystem) {
     }
     EXPECT_TRUE(enable);
     EXPECT_EQ(value, 7U);
+    // Refused for want of a level, not of a name.
     EXPECT_EQ(SocketService::GetLinuxSocketOptionName(Option::Linger), SO_LINGER);
     EXPECT_EQ(SocketService::GetLinuxSocketOptionName(Option::TcpUserTimeout), TCP_USER_TIMEOUT);
-    EXPECT_EQ(SocketService::GetLinuxSocketOptionName(static_cast<Option>(2)), -1);
-    EXPECT_EQ(SocketService::GetSocketOptionLevel(static_cast<Option>(2)), -1);
 }
 
 TEST_F(SocketTest, BadArgumentsAreRefused) {
@@ -469,11 +513,18 @@ TEST_F(SocketTest, BadArgumentsAreRefused) {
     EXPECT_EQ(socket->Listen(1), Number(Error::OpNotSupp));
     EXPECT_EQ(Send(*socket, "x"), Result(-1, Error::DestAddrReq));
 
+    // Any other mode blocks.
+    for (const Socket& blocking :
+         {Make(Type::Stream, Domain::Ipv4, static_cast<Blocking>(3)), Socket(factory->CreateNonAbstractIpcSocket())}) {
+        EXPECT_EQ(fcntl(blocking->GetSocketDescriptor(), F_GETFL) & O_NONBLOCK, 0);
+    }
+
     // One that was taken over has no domain, and a null handle no descriptor.
     int descriptor = dup(socket->GetSocketDescriptor());
     for (void* const handle : {static_cast<void*>(&descriptor), static_cast<void*>(nullptr)}) {
         const Socket adopted(factory->CreateSocket(handle));
         EXPECT_EQ(adopted->GetSocketDescriptor(), handle != nullptr ? descriptor : -1);
+        EXPECT_EQ(ClosesOnExec(*adopted), handle != nullptr);
         const std::function<void()> refused[] = {[&] { adopted->Bind(loopback, port); }, [&] { adopted->Bind(name); },
                                                  [&] { adopted->Connect(loopback, port); },
                                                  [&] { adopted->Connect(name); },
@@ -527,10 +578,13 @@ TEST_F(SocketTest, CloseThatOvertakesAnOperationIsReportedAsClosed) {
         });
         EXPECT_EQ(row.operation(*connection.client), Result(-1, Error::NotSock)) << row.call;
     }
-    // Two that close at the same time close once.
+    // Two that close at the same time close once, and nobody uses a number that is free.
     for (const char* const call : {"getsockname", "close"}) {
         const Socket socket = Make(Type::Stream, Domain::Local);
-        const FailingCall overtaken(call, [&] { EXPECT_EQ(socket->Close(), 0); });
+        const FailingCall overtaken(call, [&] {
+            EXPECT_EQ(socket->Close(), 0);
+            EXPECT_EQ(socket->GetSocketDescriptor() == -1, call == std::string("close"));
+        });
         EXPECT_EQ(socket->Close(), 0);
     }
 }
@@ -597,6 +651,50 @@ TEST_F(SocketTest, AcceptedDescriptorIsNotLost) {
     Error error{};
     const FailingAllocation call(0);
     EXPECT_THROW(listener->Accept(address, port, error), std::bad_alloc);
+}
+
+TEST_F(SocketTest, UnlinkTakesNoAddressForAPath) {
+    Child child([this] {
+        EXPECT_EQ(chdir((folder / "").c_str()), 0);
+        // What a port would be as a path.
+        std::ofstream("ab") << "";
+        SocketService socket(Type::Stream, Domain::Ipv4, Blocking::Blocking, true);
+        int port = 'a' * 256 + 'b';
+        EXPECT_EQ(socket.Bind(0, port), 0);
+        socket.Unlink();
+        EXPECT_TRUE(std::filesystem::exists("ab"));
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+// A request to be cancelled that has not been met yet.
+TEST_F(SocketTest, CancellationLosesNoDescriptor) {
+    std::thread([this] {
+        const Socket socket = Make(Type::Stream);
+        Socket deleted = Make(Type::Stream, Domain::Local);
+        const std::unique_ptr<ISharedMemoryService> memory(
+            factory->CreateSharedMemory(name, 1, ISharedMemoryService::mode::Create));
+        const std::unique_ptr<IFileService> file(factory->CreateFile(folder / "file", IFileService::FileMode::Create,
+                                                                     IFileService::FileAccess::Write, true));
+        std::unique_ptr<IFileService> deletedFile(factory->CreateFile(folder / "other", IFileService::FileMode::Create,
+                                                                      IFileService::FileAccess::Write, true));
+        file->Write(reinterpret_cast<const unsigned char*>("x"), 0, 1);
+        deletedFile->Write(reinterpret_cast<const unsigned char*>("x"), 0, 1);
+        const std::ptrdiff_t open = OpenDescriptors();
+
+        pthread_cancel(pthread_self());
+        socket->Close();
+        deleted.reset();
+        memory->Close();
+        file->Close();
+        deletedFile.reset();
+        FileServiceBase::Sync(folder / "file");
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        EXPECT_EQ(OpenDescriptors(), open - 5);
+        EXPECT_EQ(std::filesystem::file_size(folder / "file") + std::filesystem::file_size(folder / "other"), 2U);
+        shm_unlink(name.c_str());
+    }).join();
 }
 
 TEST_F(SocketTest, AThousandAreOpenAtOnce) {

@@ -27,7 +27,7 @@ public:
     FailingCall(const char* function, std::function<void()> hook, int skip = 0);
 
     /// The call does not reach the function: `reply` fills in what its pointer argument points to, and it returns
-    /// `result`. For poll and ioctl.
+    /// `result`. For poll, ioctl and lttng_list_sessions.
     FailingCall(const char* function, std::intptr_t result, std::function<void(void*)> reply, int skip = 0);
 
     /// Makes it the call of whichever thread comes first; then none is skipped, and another call of this thread may be
