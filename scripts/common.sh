@@ -9,7 +9,7 @@ packages_to_build=(g++ cmake ninja-build pkg-config libboost-filesystem-dev libf
 packages_to_test=(socat lttng-tools)
 packages_for_arm=(g++-arm-linux-gnueabihf qemu-user mmdebstrap)
 packages_for_arm_boot=(qemu-system-arm cpio)
-packages_to_check=(clang-format clang-tidy git)
+packages_to_check=(clang clang-format clang-tidy git)
 
 step() {
     printf '\n==> %s\n' "$*"

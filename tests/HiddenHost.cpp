@@ -8,6 +8,7 @@
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
 #include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
+#include <Kel/System/Ve/Internal/SharedLibraryServiceBase.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,9 +16,12 @@
 #include <memory>
 #include <sstream>
 
+using Kel::BasicString;
 using Kel::System::Ve::IMutexService;
 using Kel::System::Ve::IServiceObject;
+using Kel::System::Ve::ISharedLibraryService;
 using Kel::System::Ve::Exceptions::VeException;
+using Kel::System::Ve::Internal::GetPathOfCurrentModule;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::MutexService;
 using Kel::System::Ve::Internal::Linux::TimeoutConversion;
@@ -71,6 +75,13 @@ int main() {
         std::ostringstream type;
         type << object->GetServiceType();
         Check(type.str() == "Mutex", "the type's name is printed");
+    }
+    {
+        BasicString (*volatile const path)() = &GetPathOfCurrentModule;
+        Check(path().find("libKel.System.Ve.so") != BasicString::npos, "the library knows its path");
+        const std::unique_ptr<ISharedLibraryService> program(factory->CreateSharedLibrary());
+        program->Load("");
+        Check(program->GetFunctionAddress("NoSuchFunction") == nullptr, "the program itself is loaded as a library");
     }
     Check(factory->GetStatistics().GetNumOfObjectsCreated() == 0, "nothing is left alive");
     ServiceFactory::DisposeServiceFactory();

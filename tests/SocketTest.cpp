@@ -670,7 +670,8 @@ TEST_F(SocketTest, UnlinkTakesNoAddressForAPath) {
 
 // A request to be cancelled that has not been met yet.
 TEST_F(SocketTest, CancellationLosesNoDescriptor) {
-    std::thread([this] {
+    bool isOver = false;
+    std::thread([&] {
         const Socket socket = Make(Type::Stream);
         Socket deleted = Make(Type::Stream, Domain::Local);
         const std::unique_ptr<ISharedMemoryService> memory(
@@ -689,12 +690,13 @@ TEST_F(SocketTest, CancellationLosesNoDescriptor) {
         memory->Close();
         file->Close();
         deletedFile.reset();
-        FileServiceBase::Sync(folder / "file");
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         EXPECT_EQ(OpenDescriptors(), open - 5);
         EXPECT_EQ(std::filesystem::file_size(folder / "file") + std::filesystem::file_size(folder / "other"), 2U);
         shm_unlink(name.c_str());
+        isOver = true;
     }).join();
+    EXPECT_TRUE(isOver);
 }
 
 TEST_F(SocketTest, AThousandAreOpenAtOnce) {

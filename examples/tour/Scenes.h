@@ -27,5 +27,11 @@ void ShowSharedMemory(Narrator& narrator, Kel::System::Ve::Internal::ServiceFact
 void ShowFile(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
 void ShowNetworkInterfaces(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
 
+void ShowProcesses(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowSharedLibrary(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowCrashReport(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+void ShowCrashAsException(Narrator& narrator);
+void ShowTraceController(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);
+
 /// Disposes the factory with two objects left alive.
 void ShowLeakReport(Narrator& narrator, Kel::System::Ve::Internal::ServiceFactory& factory);

@@ -33,6 +33,11 @@ int main() {
         ShowSharedMemory(narrator, factory);
         ShowFile(narrator, factory);
         ShowNetworkInterfaces(narrator, factory);
+        ShowProcesses(narrator, factory);
+        ShowSharedLibrary(narrator, factory);
+        ShowCrashReport(narrator, factory);
+        ShowCrashAsException(narrator);
+        ShowTraceController(narrator, factory);
         ShowLeakReport(narrator, factory);
 
         Kel::Singleton<Kel::AppDomain>::pInstance = nullptr;

@@ -13,9 +13,9 @@
 #include <utility>
 
 // The thread sanitizer would end a child that starts threads when a detached thread of an earlier test has not quite
-// ended.
+// ended, and does not take the crash handler's report for the last thing that a process does.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the name that it looks for.
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0:report_signal_unsafe=0"; }
 
 Child::Child(const std::function<int()>& function) : processId(fork()) {
     if (processId < 0) {
