@@ -230,7 +230,7 @@ TEST_F(FileTest, FullDiskIsToldByClosing) {
     }
     // No room for another byte, as on a full disk.
     Child child([this] {
-        signal(SIGXFSZ, SIG_IGN);
+        static_cast<void>(signal(SIGXFSZ, SIG_IGN));
         const rlimit nothing{0, 0};
         setrlimit(RLIMIT_FSIZE, &nothing);
         const auto file = Make(FileMode::Create, FileAccess::Write, true);

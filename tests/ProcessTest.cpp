@@ -19,7 +19,7 @@ protected:
 
     /// A program of the shell's; what it writes is in `Output`.
     BasicString Program(const std::string& name, const std::string& text) const {
-        const std::string path = folder / name;
+        BasicString path = folder / name;
         std::ofstream(path) << "#!/bin/sh\nexec >" << folder / "output"
                             << "\n"
                             << text << "\n";

@@ -22,7 +22,7 @@ int* volatile nowhere = reinterpret_cast<int*>(16);
 
 // On ARM a division by zero does not trap.
 [[gnu::noinline]] void CrashByCalculating() {
-    raise(SIGFPE);
+    static_cast<void>(raise(SIGFPE));
     errno = 0;
 }
 
@@ -116,7 +116,7 @@ TEST_F(SignalHandlerTest, HandlerReturnsAndKeepsErrno) {
             errno = EIO;
         });
         errno = EPERM;
-        raise(SIGSEGV);
+        static_cast<void>(raise(SIGSEGV));
         return errno == EPERM && shared->calls == 1 ? 0 : 1;
     });
     EXPECT_EQ(child.Wait(), 0);
@@ -229,7 +229,7 @@ TEST_F(ThrowHandlerTest, WithoutCallbackNothingIsThrown) {
         Install();
         SignalHandlerService::pThrowExceptionCallback = nullptr;
         errno = EPERM;
-        raise(SIGSEGV);
+        static_cast<void>(raise(SIGSEGV));
         return errno == EPERM && SignalHandlerService::exceptionCode == SIGSEGV ? 0 : 1;
     });
     EXPECT_EQ(child.Wait(), 0);

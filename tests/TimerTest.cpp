@@ -11,7 +11,8 @@ namespace {
 
 void Call(void* function) { (*static_cast<std::function<void()>*>(function))(); }
 
-constexpr unsigned int tenSeconds = 10000000;
+// A wait that lasts as long is a hang.
+constexpr unsigned int oneHour = 3600000000;
 
 class TimerTest : public FactoryTest {
 protected:
@@ -102,7 +103,7 @@ TEST_F(TimerTest, WaitsAgainWhenWokenWithoutReason) {
     const RecordedDeadlines recorded;
     FailingCall woken("pthread_cond_timedwait", 0, 0);
     woken.InAnyThread();
-    const auto timer = Make(tenSeconds, post);
+    const auto timer = Make(oneHour, post);
     timer->Start();
     // The wait after the one that ended without reason.
     recorded.Get(1);
@@ -124,8 +125,7 @@ TEST_F(TimerTest, RunsWithoutPauseOrHandler) {
 }
 
 TEST_F(TimerTest, StartsAndStopsAgainAndAgain) {
-    const auto timer = Make(tenSeconds, post);
-    const auto start = steady_clock::now();
+    const auto timer = Make(oneHour, post);
     // At any point of the cycle.
     for (int i = 0; i < 300; ++i) {
         timer->Start();
@@ -137,8 +137,6 @@ TEST_F(TimerTest, StartsAndStopsAgainAndAgain) {
         }
         timer->Stop();
     }
-    // Not one of them was waited for.
-    EXPECT_LT(steady_clock::now() - start, seconds(10));
     timer->Start();
     EXPECT_TRUE(Throws<VeException>([&] { timer->Start(); }, "Start: Timer was started yet!"));
     EXPECT_TRUE(Throws<VeException>([&] { dynamic_cast<TimerServiceBase&>(*timer).SetHandler(nullptr, nullptr); },
@@ -154,8 +152,7 @@ TEST_F(TimerTest, StopDuringACallWaitsForItAndNoLonger) {
         leave.Wait(0);
         ++ended;
     };
-    const auto timer = Make(tenSeconds, handler);
-    const auto start = steady_clock::now();
+    const auto timer = Make(oneHour, handler);
     timer->Start();
     entered.Wait(0);
     std::vector<std::thread> stops(3);
@@ -170,20 +167,17 @@ TEST_F(TimerTest, StopDuringACallWaitsForItAndNoLonger) {
         stop.join();
     }
     EXPECT_EQ(ended, 1);
-    EXPECT_LT(steady_clock::now() - start, seconds(10));
 }
 
 TEST_F(TimerTest, KeepsThePeriodItStartedWith) {
     const auto timer = Make(1000, post);
     timer->Start();
-    timer->SetPeriod(tenSeconds);
-    const auto start = steady_clock::now();
+    timer->SetPeriod(oneHour);
     for (int i = 0; i < 5; ++i) {
         called.Wait(0);
     }
-    EXPECT_LT(steady_clock::now() - start, seconds(10));
     timer->Stop();
-    EXPECT_EQ(timer->GetPeriod(), tenSeconds);
+    EXPECT_EQ(timer->GetPeriod(), oneHour);
 }
 
 TEST_F(TimerTest, AppliesAndChangesItsSettings) {
@@ -197,7 +191,7 @@ TEST_F(TimerTest, AppliesAndChangesItsSettings) {
         pthread_getschedparam(pthread_self(), &policy, &parameters);
         called.Post();
     };
-    const auto timer = Make(tenSeconds, look, "a timer", 0, 1);
+    const auto timer = Make(oneHour, look, "a timer", 0, 1);
     timer->Start();
     called.Wait(0);
     timer->Stop();
@@ -224,7 +218,7 @@ TEST_F(TimerTest, AppliesAndChangesItsSettings) {
 }
 
 TEST_F(TimerTest, StartThatFailsLeavesWhatItSays) {
-    const auto timer = Make(tenSeconds, post, "", 0, 1);
+    const auto timer = Make(oneHour, post, "", 0, 1);
     const auto start = [&] { timer->Start(); };
     const Failure naming{"pthread_setname_np", start,
                          "ChangeName: Could not set threadname of timer, linux error code: {}"};
@@ -295,7 +289,7 @@ TEST_F(TimerTest, StopWaitsForACallThatHasStoppedTheTimerItself) {
 
 // Another thread comes in between when this one is about to wait for the end of the timer's thread.
 TEST_F(TimerTest, StopDoesNotWaitForATimerThatHasBeenStartedAgain) {
-    const auto timer = Make(tenSeconds, post);
+    const auto timer = Make(oneHour, post);
     timer->Start();
     {
         const auto restart = [&] {
@@ -311,7 +305,7 @@ TEST_F(TimerTest, StopDoesNotWaitForATimerThatHasBeenStartedAgain) {
 }
 
 TEST_F(TimerTest, StartEndsATimerThatAnotherStartHasLeftRunning) {
-    const auto timer = Make(tenSeconds, post);
+    const auto timer = Make(oneHour, post);
     const auto failToStart = [&] {
         std::thread([&] {
             const FailingCall naming("pthread_setname_np", EINVAL, EACCES);

@@ -25,15 +25,15 @@ protected:
                    if (geteuid() == 0) {
                        EXPECT_EQ(chown(home.c_str(), nobody, nobody) + setgid(nobody) + setuid(nobody), 0);
                    }
+                   // NOLINTBEGIN(concurrency-mt-unsafe): the child has one thread.
                    setenv("LTTNG_HOME", home.c_str(), 1);
                    setenv("HOME", home.c_str(), 1);
+                   // NOLINTEND(concurrency-mt-unsafe)
                    test();
                    return testing::Test::HasFailure() ? 1 : 0;
                })
             .Wait();
     }
-
-    static void Run(const std::string& command) { EXPECT_EQ(system((command + " >/dev/null").c_str()), 0) << command; }
 
     const TemporaryFolder folder;
     const std::string home = folder / "";
@@ -44,8 +44,8 @@ std::string Failed(const std::string& what, int code, const std::string& end) {
     return what + lttng_strerror(code) + " (" + std::to_string(code) + ")" + end;
 }
 
-const std::string queryFailed = "Could not query session list from tracing service. Error ";
-const std::string modeQueryFailed =
+constexpr char queryFailed[] = "Could not query session list from tracing service. Error ";
+constexpr char modeQueryFailed[] =
     "Could not query session list from tracing service for Snapshot mode detection. Error ";
 
 TEST_F(TraceControllerTest, WithoutADaemonEverythingElseFails) {
@@ -157,22 +157,22 @@ TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
     if (IsEmulated()) {
         GTEST_SKIP() << "needs a session daemon of this program's own machine";
     }
-    if (system("lttng-sessiond --version >/dev/null 2>&1") != 0) {
+    if (!Succeeds("lttng-sessiond --version")) {
         GTEST_SKIP() << "needs lttng-sessiond (package lttng-tools)";
     }
     const int status = AsUser([this] {
         const std::string pidFile = folder / "pid";
-        Run("lttng-sessiond --daemonize --no-kernel --pidfile " + pidFile);
+        EXPECT_TRUE(Succeeds("lttng-sessiond --daemonize --no-kernel --pidfile " + pidFile));
         EXPECT_TRUE(controller->IsSessionDaemonAlive());
         EXPECT_EQ(controller->ListSessions(), Names());
 
         const std::string lttng = "lttng --no-sessiond ";
         const std::string path = folder / "traces";
         const std::string snapshotPath = folder / "snapshots";
-        Run(lttng + "create normal --output=" + path);
-        Run(lttng + "enable-event --userspace --all --session normal");
-        Run(lttng + "create ring --snapshot --output=" + snapshotPath);
-        Run(lttng + "enable-event --userspace --all --session ring");
+        EXPECT_TRUE(Succeeds(lttng + "create normal --output=" + path));
+        EXPECT_TRUE(Succeeds(lttng + "enable-event --userspace --all --session normal"));
+        EXPECT_TRUE(Succeeds(lttng + "create ring --snapshot --output=" + snapshotPath));
+        EXPECT_TRUE(Succeeds(lttng + "enable-event --userspace --all --session ring"));
         Names names = controller->ListSessions();
         names.sort();
         EXPECT_EQ(names, (Names{"normal", "ring"}));
@@ -200,7 +200,7 @@ TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
         EXPECT_TRUE(controller->StopSession("normal"));
         EXPECT_FALSE(controller->IsSessionEnabled("normal"));
 
-        Run(lttng + "save normal --output-path=" + folder / "saved");
+        EXPECT_TRUE(Succeeds(lttng + "save normal --output-path=" + folder / "saved"));
         EXPECT_TRUE(controller->DestroySession("normal"));
         EXPECT_TRUE(Throws<VeException>([this] { controller->DestroySession("normal"); },
                                         Failed("Could not destroy session. Error: ", -LTTNG_ERR_SESS_NOT_FOUND, ".")));

@@ -26,14 +26,15 @@ void ShowSharedMemory(Narrator& narrator, ServiceFactory& factory) {
     const std::unique_ptr<ISharedMemoryService> memory(
         factory.CreateSharedMemory(name, size, ISharedMemoryService::mode::Create));
     auto* const text = static_cast<char*>(memory->GetAddress());
-    std::strcpy(text, "written by the parent");
+    const auto write = [](char* place, const std::string& what) { place[what.copy(place, size - 1)] = '\0'; };
+    write(text, "written by the parent");
     const pid_t child = fork();
     if (child == 0) {
         const std::unique_ptr<ISharedMemoryService> opened(
             factory.CreateSharedMemory(name, size, ISharedMemoryService::mode::Open));
         auto* const seen = static_cast<char*>(opened->GetAddress());
         const bool isThere = seen != text && std::strcmp(seen, "written by the parent") == 0;
-        std::strcpy(seen, "changed by the child");
+        write(seen, "changed by the child");
         _exit(isThere ? 0 : 1);
     }
     int status = -1;

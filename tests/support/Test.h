@@ -68,7 +68,14 @@ using namespace Kel::System::Ve::Internal::Linux;
 /// Why a test is skipped.
 constexpr char needsRealTime[] = "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
 
+/// Runs a command of the shell's; true when it ends with status 0.
+inline bool Succeeds(const std::string& command) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): whoever calls it waits for it.
+    return system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
 /// True when the program runs as code of another machine, on this one's kernel.
+// NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment meanwhile.
 inline bool IsEmulated() { return getenv("KEL_TESTS_ARE_EMULATED") != nullptr; }
 
 using std::chrono::milliseconds;

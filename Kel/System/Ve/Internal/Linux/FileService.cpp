@@ -185,7 +185,7 @@ int FileService::Close() {
         if (descriptor == -1 || fsync(descriptor) == -1) {
             const int errorNumber = errno;
             pFile = nullptr;
-            fclose(stream);
+            static_cast<void>(fclose(stream));
             ThrowFailure(errorNumber,
                          descriptor == -1 ? "{0}: Could not determine filedescriptor to stream." : syncFailed);
         }

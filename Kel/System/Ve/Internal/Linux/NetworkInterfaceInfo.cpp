@@ -31,8 +31,8 @@ BasicString HardwareText(const sockaddr& address) {
     unsigned char bytes[6];
     std::memcpy(bytes, address.sa_data, sizeof bytes);
     char text[sizeof "00:00:00:00:00:00"];
-    std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
-                  bytes[5]);
+    static_cast<void>(std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1], bytes[2],
+                                    bytes[3], bytes[4], bytes[5]));
     return text;
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <string>
 
 namespace Kel::System::Ve::Internal {
 
@@ -60,8 +61,10 @@ void SharedLibraryService::Load(const BasicString& path) {
     std::replace(converted.begin(), converted.end(), '\\', '/');
     handle = dlopen(converted.c_str(), RTLD_NOW | RTLD_GLOBAL);
     if (handle == nullptr) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): each thread has a text of its own.
+        const std::string error = dlerror();
         throw VeException(
-            FinishedText{"Loading of the shared library '" + converted + "' failed with error '" + dlerror() + "'"});
+            FinishedText{"Loading of the shared library '" + converted + "' failed with error '" + error + "'"});
     }
     LockMemory();
 }
@@ -80,6 +83,7 @@ void SharedLibraryService::LockMemory() {
     std::for_each(module.dlpi_phdr, module.dlpi_phdr + module.dlpi_phnum, [&](const ElfW(Phdr) & header) {
         if (header.p_type == PT_LOAD) {
             constexpr ElfW(Xword) longest = std::numeric_limits<std::uint32_t>::max();
+            // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader has numbers only.
             lockedSegments.emplace_back(reinterpret_cast<void*>(map->l_addr + header.p_vaddr),
                                         static_cast<std::uint32_t>(std::min<ElfW(Xword)>(header.p_memsz, longest)));
         }
