@@ -3,4 +3,11 @@
 // Enough to be seen among the locked memory of a process.
 std::array<char, 1 << 20> pluginData{1};
 
-extern "C" int PluginAnswer() { return 41 + pluginData[0]; }
+#if defined(BROKEN)
+// Nowhere to be found.
+int Missing();
+#else
+static int Missing() { return 41; }
+#endif
+
+extern "C" int PluginAnswer() { return Missing() + pluginData[0]; }

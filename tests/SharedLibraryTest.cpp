@@ -1,6 +1,7 @@
 #include "support/Test.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -26,6 +27,25 @@ bool CanLockMemory() {
     const bool can = LockedKilobytes() > before;
     munlock(page, sizeof page);
     return can;
+}
+
+// The pages of the segments that a library is loaded to.
+long LoadedKilobytes(const std::string& name) {
+    std::pair<std::string, long> search(name, 0);
+    dl_iterate_phdr(
+        [](dl_phdr_info* module, std::size_t, void* argument) {
+            auto& [wanted, sum] = *static_cast<std::pair<std::string, long>*>(argument);
+            for (int i = 0; std::string(module->dlpi_name).find(wanted) != std::string::npos && i < module->dlpi_phnum;
+                 ++i) {
+                const auto& header = module->dlpi_phdr[i];
+                const long first = static_cast<long>(header.p_vaddr) / 4096;
+                const long last = (static_cast<long>(header.p_vaddr + header.p_memsz) + 4095) / 4096;
+                sum += header.p_type == PT_LOAD ? (last - first) * 4 : 0;
+            }
+            return 0;
+        },
+        &search);
+    return search.second;
 }
 
 class SharedLibraryTest : public FactoryTest {
@@ -62,23 +82,30 @@ TEST_F(SharedLibraryTest, LoadsAndUnloads) {
     EXPECT_EQ(library->GetFunctionAddress("PluginAnswer"), nullptr);
     EXPECT_EQ(dlopen(plugin.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
     library->Unload();
-    library->Load(plugin);
-    EXPECT_EQ(Answer(*library), 42);
+    {
+        const auto deleted = Make();
+        deleted->Load(plugin);
+        EXPECT_EQ(Answer(*deleted), 42);
+    }
+    EXPECT_EQ(dlopen(plugin.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
 TEST_F(SharedLibraryTest, StaysInMemoryWhileAnyoneHasItLoaded) {
     const long before = LockedKilobytes();
-    const long atLeast = CanLockMemory() ? 1024 : 0;
     const auto first = Make();
     first->Load(plugin);
     const long locked = LockedKilobytes();
-    EXPECT_GE(locked, before + atLeast);
+    EXPECT_EQ(locked, before + (CanLockMemory() ? LoadedKilobytes("libve-tests-plugin.so") : 0));
     {
         const auto second = Make();
         second->Load(plugin);
         EXPECT_EQ(LockedKilobytes(), locked);
     }
     EXPECT_EQ(LockedKilobytes(), locked);
+    first->Unload();
+    EXPECT_EQ(LockedKilobytes(), before);
+    // Itself it is not unloaded.
+    first->Load("");
     first->Unload();
     EXPECT_EQ(LockedKilobytes(), before);
 }
@@ -100,6 +127,7 @@ TEST_F(SharedLibraryTest, MovedSegmentIsLockedOnce) {
         first = std::move(second);
         EXPECT_EQ(first.GetAddress(), page);
         EXPECT_EQ(first.GetLength(), sizeof page);
+        EXPECT_EQ(second.GetLength(), 0U);
     }
     EXPECT_EQ(LockedKilobytes(), before);
 }
@@ -116,6 +144,8 @@ TEST_F(SharedLibraryTest, FailuresAreReported) {
                                     "Loading of the shared library 'no/such {0}.so' failed with error 'no/such {0}.so: "
                                     "cannot open shared object file: No such file or directory'"));
     EXPECT_EQ(library->GetFunctionAddress("main"), nullptr);
+    // All of its symbols are looked for at once.
+    EXPECT_THROW(library->Load(Folder() + "libve-tests-broken-plugin.so"), VeException);
     library->Load(plugin);
     void* const handle = dlopen(plugin.c_str(), RTLD_NOW | RTLD_NOLOAD);
     dlclose(handle);

@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include <array>
+#include <cfenv>
 #include <cstring>
 #include <stdexcept>
 
@@ -20,10 +21,24 @@ int* volatile nowhere = reinterpret_cast<int*>(16);
     __builtin_trap();
 }
 
-// On ARM a division by zero does not trap.
-[[gnu::noinline]] void CrashByCalculating() {
+[[gnu::noinline, gnu::no_sanitize("undefined")]] void CrashByCalculating() {
+#if defined(__x86_64__)
+    static volatile int zero = 0;
+    zero = 1 / zero;
+#else
+    // Elsewhere a division by zero does not trap.
     static_cast<void>(raise(SIGFPE));
     errno = 0;
+#endif
+}
+
+[[gnu::noinline]] void CrashDeepDown(int depth) {
+    if (depth == 0) {
+        CrashByWriting();
+    } else {
+        CrashDeepDown(depth - 1);
+    }
+    nowhere = nowhere;
 }
 
 // Faults without having saved the address that it returns to.
@@ -32,7 +47,7 @@ int* volatile nowhere = reinterpret_cast<int*>(16);
 [[gnu::noinline]] int LeafThatCrashesConditionally(int value, int* where) {
 #if defined(__arm__)
     // In a block of conditional instructions, whose state the processor keeps.
-    asm volatile("cmp %0, #0\n\tittt ne\n\tstrne %0, [%1]\n\tmovne r0, #0\n\tmovne r0, #0"
+    asm volatile("cmp %0, #0\n\titee ne\n\tstrne %0, [%1]\n\tmoveq r0, #0\n\tmoveq r0, #0"
                  :
                  : "r"(value), "r"(where)
                  : "r0", "memory");
@@ -69,7 +84,6 @@ protected:
         std::unique_ptr<ISignalHandlerService>(factory->CreateSignalHandler())->Setup(throwCallback, terminateCallback);
     }
 
-    // What the report says after the frames of the handler and of the system.
     std::string Report() const { return shared->report.data(); }
 
     SharedObject<Outcome> shared;
@@ -107,6 +121,41 @@ TEST_F(SignalHandlerTest, CrashIsReportedWithTheNamesOfTheFunctions) {
             EXPECT_EQ(report.substr(report.size() - 2), "\r\n");
         }
     }
+}
+
+TEST_F(SignalHandlerTest, SetUpInstallsTheHandlerAndNothingElse) {
+    Child child([this] {
+        const auto throwCallback = [] {};
+        SetUp(throwCallback, &KeepReport);
+        EXPECT_EQ(SignalHandlerService::pThrowExceptionCallback, static_cast<void (*)()>(throwCallback));
+        sigset_t none;
+        sigemptyset(&none);
+        for (const int signal : {SIGSEGV, SIGILL, SIGFPE}) {
+            struct sigaction action {};
+            sigaction(signal, nullptr, &action);
+            EXPECT_EQ(action.sa_sigaction, &SignalHandlerService::StackTraceHandler);
+            EXPECT_EQ(action.sa_flags & (SA_NODEFER | SA_ONSTACK | SA_RESETHAND | SA_RESTART | SA_SIGINFO), SA_SIGINFO);
+            EXPECT_EQ(std::memcmp(&action.sa_mask, &none, 8), 0);
+        }
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST_F(SignalHandlerTest, TraceHas63Lines) {
+    Child child([this] {
+        SetUp(nullptr, &KeepReportAndEnd);
+        CrashDeepDown(100);
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 3);
+    const std::string report = Report();
+    std::size_t lines = 0;
+    for (std::size_t place = report.find("   at: "); place != std::string::npos;
+         place = report.find("   at: ", place + 1)) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, 63U) << report;
 }
 
 TEST_F(SignalHandlerTest, HandlerReturnsAndKeepsErrno) {
@@ -200,6 +249,9 @@ TEST_F(ThrowHandlerTest, CrashBecomesAnException) {
             EXPECT_EQ(CaughtFrom([] { LeafThatCrashes(nowhere); }), SIGSEGV);
             EXPECT_EQ(CaughtFrom([] { LeafThatCrashesConditionally(1, nowhere); }), SIGSEGV);
             EXPECT_EQ(CaughtFrom(&CrashByWriting), SIGSEGV);
+#if defined(__x86_64__)
+            EXPECT_EQ(CaughtFrom(&CrashByCalculating), SIGFPE);
+#endif
             // The compiler takes what it knows of the function to throw nothing.
             void (*volatile const illegal)() = &CrashByIllegalInstruction;
             EXPECT_EQ(CaughtFrom([&] { illegal(); }), SIGILL);
@@ -216,6 +268,38 @@ TEST_F(ThrowHandlerTest, CrashBecomesAnException) {
     EXPECT_EQ(child.Wait(), 0);
 }
 
+// Elsewhere the system itself restores how it calculates. For the thread sanitizer, see above.
+#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
+TEST_F(ThrowHandlerTest, ProgramCalculatesOnAsItDid) {
+    Child child([] {
+        Install();
+        std::fesetround(FE_DOWNWARD);
+        feenableexcept(FE_DIVBYZERO);
+        static volatile double zero = 0;
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(CaughtFrom([] { zero = 1 / zero; }), SIGFPE);
+            EXPECT_EQ(std::fegetround(), FE_DOWNWARD);
+        }
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+#endif
+
+#if defined(__arm__)
+// Returns from where it was called, also when it was interrupted there.
+[[gnu::naked, gnu::noinline]] int LeafThatGoesOn(const int* /*where*/) { asm("ldr r1, [r0]\n\tmovs r0, #7\n\tbx lr"); }
+
+TEST_F(ThrowHandlerTest, CallbackThatReturnsGoesOnBehindTheInstruction) {
+    Child child([] {
+        Install();
+        SignalHandlerService::pThrowExceptionCallback = [] {};
+        return LeafThatGoesOn(nowhere) == 7 ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+#endif
+
 TEST_F(ThrowHandlerTest, WithoutCallbackNothingIsThrown) {
     SignalHandlerService::pThrowExceptionCallback = nullptr;
     SignalHandlerService::ThrowException();
@@ -230,7 +314,14 @@ TEST_F(ThrowHandlerTest, WithoutCallbackNothingIsThrown) {
         SignalHandlerService::pThrowExceptionCallback = nullptr;
         errno = EPERM;
         static_cast<void>(raise(SIGSEGV));
-        return errno == EPERM && SignalHandlerService::exceptionCode == SIGSEGV ? 0 : 1;
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_EQ(SignalHandlerService::exceptionCode, SIGSEGV);
+#if !defined(__arm__)
+        SignalHandlerService::pThrowExceptionCallback = [] { errno = EIO; };
+        static_cast<void>(raise(SIGSEGV));
+        EXPECT_EQ(errno, EPERM);
+#endif
+        return testing::Test::HasFailure() ? 1 : 0;
     });
     EXPECT_EQ(child.Wait(), 0);
     SignalHandlerService::pThrowExceptionCallback = nullptr;

@@ -114,8 +114,15 @@ TEST_F(TraceControllerTest, FailedCallsAreReported) {
         const FailingCall call("lttng_session_daemon_alive", result, 0);
         EXPECT_EQ(controller->IsSessionDaemonAlive(), isAlive);
     }
-    const FailingCall call("lttng_list_sessions", 0, 0);
-    EXPECT_EQ(controller->ListSessions(), Names());
+    // A success, but of another kind.
+    const std::pair<const char*, std::function<bool()>> others[] = {
+        {"lttng_start_tracing", [this] { return controller->StartSession("some"); }},
+        {"lttng_stop_tracing", [this] { return controller->StopSession("some"); }},
+        {"lttng_destroy_session", [this] { return controller->DestroySession("some"); }}};
+    for (const auto& [function, operation] : others) {
+        const FailingCall call(function, 1, 0);
+        EXPECT_FALSE(operation());
+    }
 }
 
 TEST_F(TraceControllerTest, NamesAreComparedWhole) {
@@ -123,6 +130,7 @@ TEST_F(TraceControllerTest, NamesAreComparedWhole) {
     const auto reply = [](void* sessions) {
         auto* const records = static_cast<lttng_session*>(std::calloc(3, sizeof(lttng_session)));
         std::fill_n(records[0].name, sizeof records[0].name, 'x');
+        std::fill_n(records[0].path, sizeof records[0].path, 'y');
         records[0].snapshot_mode = 1;
         std::strcpy(records[1].name, "some");
         std::strcpy(records[1].path, "/one");
@@ -153,6 +161,26 @@ TEST_F(TraceControllerTest, NamesAreComparedWhole) {
     }
 }
 
+// A session daemon, ended with the object.
+class SessionDaemon {
+public:
+    explicit SessionDaemon(const std::string& pidFile) {
+        EXPECT_TRUE(Succeeds("lttng-sessiond --daemonize --no-kernel --pidfile " + pidFile));
+        std::ifstream(pidFile) >> processId;
+    }
+    ~SessionDaemon() {
+        // Readable once the process has ended.
+        pollfd ended{static_cast<int>(syscall(SYS_pidfd_open, processId, 0)), POLLIN, 0};
+        EXPECT_TRUE(ended.fd != -1 && kill(processId, SIGTERM) == 0 && poll(&ended, 1, -1) == 1);
+    }
+
+    SessionDaemon(const SessionDaemon&) = delete;
+    SessionDaemon& operator=(const SessionDaemon&) = delete;
+
+private:
+    pid_t processId = 0;
+};
+
 TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
     if (IsEmulated()) {
         GTEST_SKIP() << "needs a session daemon of this program's own machine";
@@ -161,8 +189,7 @@ TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
         GTEST_SKIP() << "needs lttng-sessiond (package lttng-tools)";
     }
     const int status = AsUser([this] {
-        const std::string pidFile = folder / "pid";
-        EXPECT_TRUE(Succeeds("lttng-sessiond --daemonize --no-kernel --pidfile " + pidFile));
+        const SessionDaemon daemon(folder / "pid");
         EXPECT_TRUE(controller->IsSessionDaemonAlive());
         EXPECT_EQ(controller->ListSessions(), Names());
 
@@ -197,6 +224,15 @@ TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
         EXPECT_TRUE(Throws<VeException>([this] { controller->RecordSessionSnapshot("normal"); },
                                         "Cannot record session snapshot: Session normal is not in snapshot mode"));
         EXPECT_TRUE(controller->RecordSessionSnapshot("ring"));
+        {
+            const FailingCall call("lttng_snapshot_record", -LTTNG_ERR_INVALID, 0);
+            EXPECT_TRUE(Throws<VeException>([this] { controller->RecordSessionSnapshot("ring"); },
+                                            Failed("Failed to record snapshot. Error ", -LTTNG_ERR_INVALID, "")));
+        }
+        {
+            const FailingCall call("lttng_snapshot_record", 1, 0);
+            EXPECT_FALSE(controller->RecordSessionSnapshot("ring"));
+        }
         EXPECT_TRUE(controller->StopSession("normal"));
         EXPECT_FALSE(controller->IsSessionEnabled("normal"));
 
@@ -211,14 +247,24 @@ TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
         EXPECT_TRUE(controller->DestroySession("normal"));
         EXPECT_TRUE(controller->DestroySession("ring"));
 
-        pid_t daemon = 0;
-        std::ifstream(pidFile) >> daemon;
-        ASSERT_GT(daemon, 0);
-        // Readable once the process has ended.
-        pollfd ended{static_cast<int>(syscall(SYS_pidfd_open, daemon, 0)), POLLIN, 0};
-        kill(daemon, SIGTERM);
-        EXPECT_EQ(poll(&ended, 1, -1), 1);
-        EXPECT_FALSE(controller->IsSessionDaemonAlive());
+        // From several threads, some of which are cancelled meanwhile.
+        const std::ptrdiff_t open = OpenDescriptors();
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([this, i] {
+                const std::unique_ptr<ITraceControllerService> own(factory->CreateTraceController());
+                if (i == 0) {
+                    pthread_cancel(pthread_self());
+                }
+                for (int j = 0; j < 50; ++j) {
+                    EXPECT_EQ(own->ListSessions(), Names());
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(OpenDescriptors(), open);
     });
     EXPECT_EQ(status, 0);
 }

@@ -7,8 +7,9 @@
 namespace Kel::System::Ve {
 
 /// A shared library, loaded at run time and kept in memory for as long as it is loaded, so that calls into it take no
-/// page faults; without the right to lock memory (RLIMIT_MEMLOCK) it is loaded all the same. Not thread-safe: one owner
-/// drives an object.
+/// page faults; without the right to lock memory (RLIMIT_MEMLOCK) it is loaded all the same. What is unloaded, and
+/// stays in the process for other reasons, is not locked any more, also when the program has called mlockall. Not
+/// thread-safe: one owner drives an object.
 class KEL_API ISharedLibraryService : public virtual IServiceObject {
 public:
     /// Loads a library (dlopen with all symbols bound, for later libraries, too, and mlock). Backslashes in the path

@@ -10,7 +10,9 @@ namespace Kel::System::Ve {
 
 /// Controls the tracing sessions of the local LTTng session daemon. Sessions are known by their names, which are
 /// compared whole, case included. Every operation asks the daemon; the object keeps nothing. What fails throws
-/// VeException; without a daemon everything does but `IsSessionDaemonAlive`.
+/// VeException; without a daemon everything does but `IsSessionDaemonAlive`. All operations may be called from any
+/// thread; one asks at a time, whatever the number of objects. A program that calls the control library itself sees to
+/// it that no operation is in progress.
 class KEL_API ITraceControllerService : public virtual IServiceObject {
 public:
     virtual bool IsSessionDaemonAlive() const = 0;

@@ -1,5 +1,6 @@
 #include <Kel/System/Ve/Internal/Linux/ProcessService.h>
 
+#include <Kel/Core/CancellationDisabled.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/FileServiceBase.h>
 
@@ -74,6 +75,7 @@ void ProcessService::StartBlocking(const BasicString& workingDirectory, const Ba
 }
 
 bool ProcessService::HasExited() const {
+    const CancellationDisabled disabled;
     if (processId <= 0) {
         return true;
     }
@@ -86,6 +88,7 @@ bool ProcessService::HasExited() const {
 }
 
 void ProcessService::Kill() {
+    const CancellationDisabled disabled;
     siginfo_t information{};
     // Only while it is this process's child, ended or not: someone else may have waited for it.
     if (processId > 0 && waitid(P_PID, static_cast<id_t>(processId), &information, WEXITED | WNOHANG | WNOWAIT) == 0) {
@@ -102,8 +105,8 @@ BasicString ProcessService::GetAbsolutePath(const BasicString& path) {
     if (!IsPathRelative(path)) {
         return path;
     }
-    boost::system::error_code removed;
-    return (boost::filesystem::current_path(removed) / boost::filesystem::path(path)).string();
+    boost::system::error_code outOfReach;
+    return (boost::filesystem::current_path(outOfReach) / boost::filesystem::path(path)).string();
 }
 
 std::vector<char*> ProcessService::ParseParameters(const BasicString& executable, BasicString& parameters) {
@@ -135,7 +138,8 @@ void ProcessService::EnsureHasNotStarted() const {
 }
 
 void ProcessService::EnsureExecutableExists(const BasicString& path) {
-    if (!FileServiceBase::Exists(path)) {
+    // A relative one, from a folder that is out of reach, would be looked for in others.
+    if (IsPathRelative(path) || !FileServiceBase::Exists(path)) {
         throw VeException("{0}: Could not find executable {1}.", __func__, path);
     }
 }

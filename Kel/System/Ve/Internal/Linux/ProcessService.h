@@ -30,8 +30,8 @@ public:
 
     static bool IsPathRelative(const BasicString& path);
 
-    /// Returns a path from the root; a relative one is taken from the current working directory. If that has been
-    /// removed, the relative path, which leads nowhere then.
+    /// Returns a path from the root; a relative one is taken from the current working directory. Returns the
+    /// relative path when that has been removed or cannot be reached from the root.
     static BasicString GetAbsolutePath(const BasicString& path);
 
     /// Returns the arguments of execvp, of at least 1024 entries, null after the last argument. They point into

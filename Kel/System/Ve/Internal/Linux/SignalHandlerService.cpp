@@ -69,23 +69,18 @@ void SignalHandlerService::StackTraceHandler(int signal, siginfo_t* /*info*/, vo
 
 // The unwinder cannot pass a signal's frame here. So the handler returns, to ThrowException, as though the instruction
 // had called that. The link register, which such a call overwrites, may hold the only copy of the address that the
-// interrupted function returns to: ThrowException gives it back, on return as well as when it is unwound.
-
-namespace {
-
-[[gnu::tls_model("initial-exec")]] __thread unsigned long interruptedLinkRegister = 0;
-
-}  // namespace
-
+// interrupted function returns to. The handler leaves it in ip; ThrowException gives it back, on return as well as when
+// it is unwound. Other callers may have anything there: they do not rely on either register after a call.
 extern "C" {
-
-[[gnu::used]] static unsigned long KelInterruptedLinkRegister() { return interruptedLinkRegister; }
 
 [[gnu::used]] static void KelCallThrowExceptionCallback() {
     if (SignalHandlerService::pThrowExceptionCallback != nullptr) {
         SignalHandlerService::pThrowExceptionCallback();
     }
 }
+
+// ThrowException, without the detour through the linker's tables, which overwrites ip.
+[[gnu::visibility("hidden")]] void KelThrowException();
 }
 
 // The stack pointer may be anywhere when an instruction fails, but has to be a multiple of 8 in a call.
@@ -97,16 +92,19 @@ asm(R"(
     .global _ZN3Kel6System2Ve8Internal5Linux20SignalHandlerService14ThrowExceptionEv
     .type _ZN3Kel6System2Ve8Internal5Linux20SignalHandlerService14ThrowExceptionEv, %function
     .thumb_func
+    .global KelThrowException
+    .hidden KelThrowException
+    .type KelThrowException, %function
+    .thumb_func
+KelThrowException:
 _ZN3Kel6System2Ve8Internal5Linux20SignalHandlerService14ThrowExceptionEv:
     .fnstart
     push {r4, ip, lr}
-    .save {r4, lr, pc}          @ lr: written below, to where ip is; pc: the return address
+    .save {r4, lr, pc}          @ lr is what was in ip, pc the return address
     mov r4, sp
     .setfp r4, sp
     bic r3, r4, #7
     mov sp, r3
-    bl KelInterruptedLinkRegister
-    str r0, [r4, #4]
     bl KelCallThrowExceptionCallback
     mov sp, r4
     pop {r4, lr}
@@ -139,18 +137,25 @@ void SignalHandlerService::ThrowHandler(int signal, siginfo_t* info, void* conte
     constexpr unsigned long thumb = 1U << 5U;
     constexpr unsigned long conditionsOfItBlock = 0x0600FC00;
     mcontext_t& registers = static_cast<ucontext_t*>(context)->uc_mcontext;
-    const auto target = reinterpret_cast<std::uintptr_t>(&ThrowException);
-    interruptedLinkRegister = registers.arm_lr;
+    const auto target = reinterpret_cast<std::uintptr_t>(&KelThrowException);
+    registers.arm_ip = registers.arm_lr;
     registers.arm_lr = (registers.arm_pc + 2) | 1U;
     registers.arm_pc = target & ~std::uintptr_t{1};
     registers.arm_cpsr &= ~(conditionsOfItBlock | thumb);
     registers.arm_cpsr |= (target & 1U) != 0 ? thumb : 0;
 #elif defined(__x86_64__) || defined(__aarch64__)
-    // The unwinder passes the signal's frame and restores the registers from it; the mask it does not know.
+    // The unwinder passes the signal's frame and restores the registers from it, but not the signal mask,
     const int errorNumber = errno;
-    pthread_sigmask(SIG_SETMASK, &static_cast<ucontext_t*>(context)->uc_sigmask, nullptr);
-    errno = errorNumber;
+    const auto& interrupted = *static_cast<const ucontext_t*>(context);
+    pthread_sigmask(SIG_SETMASK, &interrupted.uc_sigmask, nullptr);
+#if defined(__x86_64__)
+    // nor how the program calculates, which the kernel sets back for a handler.
+    asm volatile("ldmxcsr %0\n\tfldcw %1"
+                 :
+                 : "m"(interrupted.uc_mcontext.fpregs->mxcsr), "m"(interrupted.uc_mcontext.fpregs->cwd));
+#endif
     ThrowException();
+    errno = errorNumber;
 #else
     static_cast<void>(context);
 #endif

@@ -1,5 +1,6 @@
 #include <Kel/System/Ve/Internal/Linux/TraceControllerService.h>
 
+#include <Kel/Core/CancellationDisabled.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 
 #include <lttng/lttng.h>
@@ -7,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string_view>
 
 namespace Kel::System::Ve::Internal::Linux {
@@ -16,6 +18,23 @@ using Exceptions::VeException;
 namespace {
 
 constexpr char queryFailed[] = "Could not query session list from tracing service. Error {0} ({1})";
+
+// While it lives, this thread has the control library for itself. That keeps one connection to the daemon for the whole
+// process: used by two threads at a time it would close descriptors that are not its own, and a thread that is
+// cancelled in it would leave it half-way.
+class ControlLibraryGuard {
+public:
+    ControlLibraryGuard() : guard(GetMutex()) {}
+
+private:
+    static std::recursive_mutex& GetMutex() {
+        static std::recursive_mutex mutex;
+        return mutex;
+    }
+
+    const CancellationDisabled disabled;
+    const std::lock_guard<std::recursive_mutex> guard;
+};
 
 // For calls that return the negative number of an error, or what they are asked for.
 int Check(int result, const char* message) {
@@ -85,9 +104,13 @@ void AppendSnapshotOutputs(const BasicString& sessionName, std::list<BasicString
 TraceControllerService::TraceControllerService()
     : ServiceObjectBase("TraceControllerService", ServiceType::TraceController, true) {}
 
-bool TraceControllerService::IsSessionDaemonAlive() const { return lttng_session_daemon_alive() == 1; }
+bool TraceControllerService::IsSessionDaemonAlive() const {
+    const ControlLibraryGuard guard;
+    return lttng_session_daemon_alive() == 1;
+}
 
 bool TraceControllerService::LoadSessionConfiguration(const BasicString& sessionName, const BasicString& inputUrl) {
+    const ControlLibraryGuard guard;
     const std::unique_ptr<lttng_load_session_attr, decltype(&lttng_load_session_attr_destroy)> attribute(
         lttng_load_session_attr_create(), &lttng_load_session_attr_destroy);
     if (!attribute) {
@@ -102,6 +125,7 @@ bool TraceControllerService::LoadSessionConfiguration(const BasicString& session
 }
 
 std::list<BasicString> TraceControllerService::ListSessions() {
+    const ControlLibraryGuard guard;
     const Sessions sessions;
     Check(sessions.GetCount(), queryFailed);
     std::list<BasicString> names;
@@ -112,18 +136,22 @@ std::list<BasicString> TraceControllerService::ListSessions() {
 }
 
 bool TraceControllerService::StartSession(const BasicString& sessionName) {
+    const ControlLibraryGuard guard;
     return Check(lttng_start_tracing(sessionName.c_str()), "Could not start session. Error: {0} ({1}).") == 0;
 }
 
 bool TraceControllerService::StopSession(const BasicString& sessionName) {
+    const ControlLibraryGuard guard;
     return Check(lttng_stop_tracing(sessionName.c_str()), "Could not stop session. Error: {0} ({1}).") == 0;
 }
 
 bool TraceControllerService::DestroySession(const BasicString& sessionName) {
+    const ControlLibraryGuard guard;
     return Check(lttng_destroy_session(sessionName.c_str()), "Could not destroy session. Error: {0} ({1}).") == 0;
 }
 
 bool TraceControllerService::IsSessionInSnapshotMode(const BasicString& sessionName) {
+    const ControlLibraryGuard guard;
     const Sessions sessions;
     Check(sessions.GetCount(),
           "Could not query session list from tracing service for Snapshot mode detection. Error {0} ({1})");
@@ -133,6 +161,7 @@ bool TraceControllerService::IsSessionInSnapshotMode(const BasicString& sessionN
 }
 
 bool TraceControllerService::IsSessionEnabled(const BasicString& sessionName) {
+    const ControlLibraryGuard guard;
     // One that cannot be asked for is not there.
     const Sessions sessions;
     return CheckFound(sessions.Find(sessionName), "Cannot check enable mode of Session: Session {0} does not exist",
@@ -141,6 +170,7 @@ bool TraceControllerService::IsSessionEnabled(const BasicString& sessionName) {
 }
 
 bool TraceControllerService::RecordSessionSnapshot(const BasicString& sessionName) {
+    const ControlLibraryGuard guard;
     if (!static_cast<ITraceControllerService*>(this)->IsSessionInSnapshotMode(sessionName)) {
         throw VeException("Cannot record session snapshot: Session {0} is not in snapshot mode", sessionName);
     }
@@ -149,6 +179,7 @@ bool TraceControllerService::RecordSessionSnapshot(const BasicString& sessionNam
 }
 
 std::list<BasicString> TraceControllerService::ListSessionOutputs(const BasicString& sessionName) {
+    const ControlLibraryGuard guard;
     const Sessions sessions;
     Check(sessions.GetCount(), queryFailed);
     std::list<BasicString> outputs;
