@@ -28,14 +28,13 @@ siginfo_t EndedChild() {
     return information;
 }
 
-long LockedKilobytes() {
+// What the kernel says of the memory that this process has locked.
+std::string LockedMemory() {
     std::ifstream status("/proc/self/status");
-    std::string word;
-    while (status >> word && word != "VmLck:") {
+    std::string line;
+    while (std::getline(status, line) && line.rfind("VmLck:", 0) != 0) {
     }
-    long kilobytes = -1;
-    status >> kilobytes;
-    return kilobytes;
+    return line;
 }
 
 }  // namespace
@@ -71,19 +70,19 @@ void ShowSharedLibrary(Narrator& narrator, ServiceFactory& factory) {
     narrator.Say("This library is " + SharedLibraryServiceBase::GetPathOfVeLibrary());
     const std::unique_ptr<ISharedLibraryService> library(factory.CreateSharedLibrary());
     const Kel::BasicString program = ProcessServiceBase::GetCurrentName();
-    const long before = LockedKilobytes();
+    const std::string before = LockedMemory();
     library->Load(program.substr(0, program.rfind('/')) + "/libtour-plugin.so");
     auto* const average = reinterpret_cast<int (*)(int, int)>(library->GetFunctionAddress("TourAverage"));
     narrator.Check(average != nullptr && average(4, 6) == 5, "a function of another one, loaded just now, is called");
     narrator.Check(library->GetFunctionAddress("NoSuchFunction") == nullptr,
                    "a function that it does not have is null");
-    const long locked = LockedKilobytes() - before;
-    if (locked > 0) {
-        narrator.Say("Its " + std::to_string(locked) + " KiB are locked in memory: no call into it waits for a disk.");
+    if (LockedMemory() != before) {
+        narrator.Say("It is locked in memory, so that no call into it waits for a disk. The kernel says: " +
+                     LockedMemory());
     } else {
         narrator.Say("Its memory could not be locked. Run the tour as root, or allow the user a limit, such as");
         narrator.Say("'@realtime - memlock unlimited' in /etc/security/limits.conf.");
     }
     library->Unload();
-    narrator.Check(LockedKilobytes() == before, "unloaded, it takes no locked memory any more");
+    narrator.Check(LockedMemory() == before, "unloaded, it takes no locked memory any more");
 }
