@@ -118,15 +118,16 @@ TEST_F(SharedLibraryTest, MovedSegmentIsLockedOnce) {
         LockedMemorySegment second(std::move(first));
         const long locked = LockedKilobytes();
         EXPECT_GE(locked, before + (CanLockMemory() ? 4 : 0));
-        // NOLINTBEGIN(bugprone-use-after-move, clang-analyzer-cplusplus.Move): it has nothing left.
+        // NOLINTBEGIN(bugprone-use-after-move): it has nothing left.
         EXPECT_EQ(first.GetAddress(), nullptr);
         EXPECT_EQ(first.GetLength(), 0U);
         { const LockedMemorySegment third(std::move(first)); }
-        // NOLINTEND(bugprone-use-after-move, clang-analyzer-cplusplus.Move)
+        // NOLINTEND(bugprone-use-after-move)
         EXPECT_EQ(LockedKilobytes(), locked);
         first = std::move(second);
         EXPECT_EQ(first.GetAddress(), page);
         EXPECT_EQ(first.GetLength(), sizeof page);
+        // NOLINTNEXTLINE(bugprone-use-after-move): nor has this one.
         EXPECT_EQ(second.GetLength(), 0U);
     }
     EXPECT_EQ(LockedKilobytes(), before);

@@ -80,7 +80,7 @@ class SignalHandlerTest : public FactoryTest {
 protected:
     SignalHandlerTest() { outcome = &shared; }
 
-    void SetUp(void (*throwCallback)(), void (*terminateCallback)(const BasicString&)) {
+    void SetUpHandlers(void (*throwCallback)(), void (*terminateCallback)(const BasicString&)) {
         std::unique_ptr<ISignalHandlerService>(factory->CreateSignalHandler())->Setup(throwCallback, terminateCallback);
     }
 
@@ -103,7 +103,7 @@ TEST_F(SignalHandlerTest, CrashIsReportedWithTheNamesOfTheFunctions) {
             shared->report = {};
             Child child([&] {
                 alarm(60);
-                SetUp(nullptr, &KeepReportAndEnd);
+                SetUpHandlers(nullptr, &KeepReportAndEnd);
                 if (inThread) {
                     std::thread(row.crash).join();
                 } else {
@@ -126,7 +126,7 @@ TEST_F(SignalHandlerTest, CrashIsReportedWithTheNamesOfTheFunctions) {
 TEST_F(SignalHandlerTest, SetUpInstallsTheHandlerAndNothingElse) {
     Child child([this] {
         const auto throwCallback = [] {};
-        SetUp(throwCallback, &KeepReport);
+        SetUpHandlers(throwCallback, &KeepReport);
         EXPECT_EQ(SignalHandlerService::pThrowExceptionCallback, static_cast<void (*)()>(throwCallback));
         sigset_t none;
         sigemptyset(&none);
@@ -144,7 +144,7 @@ TEST_F(SignalHandlerTest, SetUpInstallsTheHandlerAndNothingElse) {
 
 TEST_F(SignalHandlerTest, TraceHas63Lines) {
     Child child([this] {
-        SetUp(nullptr, &KeepReportAndEnd);
+        SetUpHandlers(nullptr, &KeepReportAndEnd);
         CrashDeepDown(100);
         return 0;
     });
@@ -160,7 +160,7 @@ TEST_F(SignalHandlerTest, TraceHas63Lines) {
 
 TEST_F(SignalHandlerTest, HandlerReturnsAndKeepsErrno) {
     Child child([this] {
-        SetUp(nullptr, [](const BasicString& report) {
+        SetUpHandlers(nullptr, [](const BasicString& report) {
             KeepReport(report);
             errno = EIO;
         });
@@ -171,7 +171,7 @@ TEST_F(SignalHandlerTest, HandlerReturnsAndKeepsErrno) {
     EXPECT_EQ(child.Wait(), 0);
     // Other signals have no name; no frames, no lines.
     Child other([this] {
-        SetUp(nullptr, &KeepReport);
+        SetUpHandlers(nullptr, &KeepReport);
         const FailingCall call("backtrace", 0, 0);
         SignalHandlerService::StackTraceHandler(SIGTERM, nullptr, nullptr);
         return Report() == "Signal  occured.\r\nStacktrace:\r\n" ? 0 : 1;
@@ -183,7 +183,7 @@ TEST_F(SignalHandlerTest, WithoutAnEndTheCrashRecurs) {
     for (const auto callback : {&KeepReport, static_cast<void (*)(const BasicString&)>(nullptr)}) {
         shared->calls = 0;
         Child child([&] {
-            SetUp(nullptr, callback);
+            SetUpHandlers(nullptr, callback);
             const itimerval limit{{0, 0}, {0, 300000}};
             setitimer(ITIMER_REAL, &limit, nullptr);
             CrashByWriting();

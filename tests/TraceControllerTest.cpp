@@ -249,11 +249,11 @@ TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
 
         // From several threads, some of which are cancelled meanwhile.
         const std::ptrdiff_t open = OpenDescriptors();
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([this, i] {
+        std::vector<std::thread> threads(4);
+        for (std::thread& thread : threads) {
+            thread = std::thread([this, isCancelled = &thread == threads.data()] {
                 const std::unique_ptr<ITraceControllerService> own(factory->CreateTraceController());
-                if (i == 0) {
+                if (isCancelled) {
                     pthread_cancel(pthread_self());
                 }
                 for (int j = 0; j < 50; ++j) {
