@@ -91,13 +91,13 @@ asm(R"(
     .p2align 1
     .global _ZN3Kel6System2Ve8Internal5Linux20SignalHandlerService14ThrowExceptionEv
     .type _ZN3Kel6System2Ve8Internal5Linux20SignalHandlerService14ThrowExceptionEv, %function
-    .thumb_func
-    .global KelThrowException
     .hidden KelThrowException
+    .global KelThrowException
     .type KelThrowException, %function
     .thumb_func
-KelThrowException:
 _ZN3Kel6System2Ve8Internal5Linux20SignalHandlerService14ThrowExceptionEv:
+    .thumb_func
+KelThrowException:
     .fnstart
     push {r4, ip, lr}
     .save {r4, lr, pc}          @ lr is what was in ip, pc the return address
