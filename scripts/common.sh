@@ -7,6 +7,7 @@ cd "$root"
 packages_to_build=(g++ cmake ninja-build pkg-config libboost-filesystem-dev libfmt-dev liblttng-ctl-dev libgtest-dev)
 # Programs that the sockets and the trace controller are tested against.
 packages_to_test=(socat lttng-tools)
+packages_to_bench=(libbenchmark-dev python3)
 packages_for_arm=(g++-arm-linux-gnueabihf qemu-user mmdebstrap)
 packages_for_arm_boot=(qemu-system-arm cpio)
 packages_to_check=(clang clang-format clang-tidy git)

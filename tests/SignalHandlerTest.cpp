@@ -238,10 +238,6 @@ protected:
 };
 
 TEST_F(ThrowHandlerTest, CrashBecomesAnException) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP()
-        << "the thread sanitizer's own handler, between the kernel's frame and ours, is not made for exceptions";
-#endif
     Child child([] {
         Install();
         const auto all = [] {
@@ -268,8 +264,8 @@ TEST_F(ThrowHandlerTest, CrashBecomesAnException) {
     EXPECT_EQ(child.Wait(), 0);
 }
 
-// Elsewhere the system itself restores how it calculates. For the thread sanitizer, see above.
-#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
+// Elsewhere the system itself restores how it calculates.
+#if defined(__x86_64__)
 TEST_F(ThrowHandlerTest, ProgramCalculatesOnAsItDid) {
     Child child([] {
         Install();
