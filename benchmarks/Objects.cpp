@@ -14,6 +14,8 @@ void RegisterObjects(ServiceFactory& factory) {
         const auto mutex = std::make_unique<pthread_mutex_t>();
         pthread_mutexattr_t attributes;
         pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_NORMAL);
+        pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_PRIVATE);
         pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
         pthread_mutex_init(mutex.get(), &attributes);
         pthread_mutexattr_destroy(&attributes);

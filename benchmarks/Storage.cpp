@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -49,7 +50,10 @@ void RegisterFiles(ServiceFactory& factory) {
              [&factory, path] { delete factory.CreateFile(path, FileMode::Open, FileAccess::Read, false); });
     Register("file/open and close/bare", [path] { std::fclose(std::fopen(path.c_str(), "rbe")); });
     Register("file/exists/library", [path] { benchmark::DoNotOptimize(FileServiceBase::Exists(path)); });
-    Register("file/exists/bare", [path] { benchmark::DoNotOptimize(access(path.c_str(), F_OK)); });
+    Register("file/exists/bare", [path] {
+        struct stat status {};
+        benchmark::DoNotOptimize(stat(path.c_str(), &status));
+    });
 }
 
 void RegisterSharedMemory(ServiceFactory& factory) {

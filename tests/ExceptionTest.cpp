@@ -1,4 +1,7 @@
+#include "support/PluginPath.h"
 #include "support/Test.h"
+
+#include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -140,27 +143,24 @@ TEST(VeExceptionTest, CapturesNoMoreThan64Frames) {
     EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 63);
 }
 
+// What is known of addresses is forgotten when any library is unloaded.
+void UnloadSomeLibrary() { EXPECT_EQ(dlclose(dlopen(PluginPath().c_str(), RTLD_NOW)), 0); }
+
 TEST(VeExceptionTest, EndsTheStackTraceWhereNothingIsKnown) {
-    {
-        const FailingCall call("backtrace", 0, 0);
+    for (const int frames : {0, 1}) {
+        const FailingCall call("backtrace", frames, 0);
         EXPECT_EQ(MakeVeException().GetStackTrace(), "");
     }
-    {
-        const FailingCall call("backtrace", 1, 0);
-        EXPECT_EQ(MakeVeException().GetStackTrace(), "");
-    }
-    {
-        const FailingCall call("dladdr", 0, 0);
-        EXPECT_EQ(MakeVeException().GetStackTrace(), "");
-    }
-    {
-        const FailingCall call("dladdr", 0, 0, 2);
+    for (const int known : {0, 2}) {
+        UnloadSomeLibrary();
+        const FailingCall call("dladdr", 0, 0, known);
         const BasicString trace = MakeVeException().GetStackTrace();
-        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 2) << trace;
+        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), known) << trace;
     }
 }
 
 TEST(VeExceptionTest, ShowsModuleAndAddressOfFramesWithoutAName) {
+    UnloadSomeLibrary();
     {
         const FailingCall call("__cxa_demangle", 0, 0);
         const BasicString trace = MakeVeException().GetStackTrace();
@@ -168,10 +168,46 @@ TEST(VeExceptionTest, ShowsModuleAndAddressOfFramesWithoutAName) {
         EXPECT_NE(firstLine.find("libKel.System.Ve.so"), BasicString::npos) << trace;
         EXPECT_EQ(firstLine.back(), ']') << trace;
     }
-    // That of the C runtime's start-up code has no C++ name.
-    const FailingCall call("backtrace_symbols", 0, ENOMEM);
-    const BasicString trace = MakeVeException().GetStackTrace();
-    EXPECT_NE(trace.find("   at: \r\n"), BasicString::npos) << trace;
+    UnloadSomeLibrary();
+    {
+        // That of the C runtime's start-up code has no C++ name.
+        const FailingCall call("backtrace_symbols", 0, ENOMEM);
+        const BasicString trace = MakeVeException().GetStackTrace();
+        EXPECT_NE(trace.find("   at: \r\n"), BasicString::npos) << trace;
+    }
+    UnloadSomeLibrary();
+}
+
+TEST(VeExceptionTest, NamesEachAddressOnceUntilALibraryIsUnloaded) {
+    UnloadSomeLibrary();
+    BasicString traces[3];
+    int namings[3] = {};
+    for (int i = 0; i < 3; ++i) {
+        bool isOver = false;
+        const FailingCall call("dladdr", [&] { namings[i] += isOver ? 0 : 1; });
+        traces[i] = MakeVeException().GetStackTrace();
+        isOver = true;
+        // Met now, if it was not before.
+        Dl_info symbol;
+        dladdr(&call, &symbol);
+        if (i == 1) {
+            UnloadSomeLibrary();
+        }
+    }
+    EXPECT_EQ(traces[0], traces[1]);
+    EXPECT_EQ(traces[0], traces[2]);
+    EXPECT_EQ(namings[0], 1);
+    EXPECT_EQ(namings[1], 0);
+    EXPECT_EQ(namings[2], 1);
+}
+
+TEST(VeExceptionTest, WhoeverFindsTheKnownNamesInUseDoesWithout) {
+    UnloadSomeLibrary();
+    BasicString inner;
+    const FailingCall call("dladdr", [&] { inner = MakeVeException().GetStackTrace(); });
+    const BasicString outer = MakeVeException().GetStackTrace();
+    EXPECT_NE(inner.find("VeException::VeException("), BasicString::npos) << inner;
+    EXPECT_NE(outer.find("VeException::VeException("), BasicString::npos) << outer;
 }
 
 TEST(RuntimeTypeInfoTest, NamesTypes) {

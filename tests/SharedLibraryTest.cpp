@@ -1,3 +1,4 @@
+#include "support/PluginPath.h"
 #include "support/Test.h"
 
 #include <dlfcn.h>
@@ -59,12 +60,7 @@ protected:
         return function != nullptr ? reinterpret_cast<int (*)()>(function)() : -1;
     }
 
-    static BasicString Folder() {
-        const BasicString program = ProcessServiceBase::GetCurrentName();
-        return program.substr(0, program.rfind('/') + 1);
-    }
-
-    const BasicString plugin = Folder() + "libve-tests-plugin.so";
+    const BasicString plugin = PluginPath();
 };
 
 TEST_F(SharedLibraryTest, LoadsAndUnloads) {
@@ -146,7 +142,7 @@ TEST_F(SharedLibraryTest, FailuresAreReported) {
                                     "cannot open shared object file: No such file or directory'"));
     EXPECT_EQ(library->GetFunctionAddress("main"), nullptr);
     // All of its symbols are looked for at once.
-    EXPECT_THROW(library->Load(Folder() + "libve-tests-broken-plugin.so"), VeException);
+    EXPECT_THROW(library->Load(PluginPath("broken-plugin")), VeException);
     library->Load(plugin);
     void* const handle = dlopen(plugin.c_str(), RTLD_NOW | RTLD_NOLOAD);
     dlclose(handle);
