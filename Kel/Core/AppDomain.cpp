@@ -40,6 +40,10 @@ template <>
 AppDomain* Singleton<AppDomain>::pInstance = nullptr;
 
 bool AppDomain::TypeOrder::operator()(std::type_index left, std::type_index right) const {
+    // Found so in nearly all cases, and each making and deleting of an object looks twice.
+    if (left.name() == right.name()) {
+        return false;
+    }
     const int order = std::strcmp(left.name(), right.name());
     // Types that are local to different source files may have the same name, but not at the same address.
     return order != 0 ? order < 0 : left != right && std::less<>()(left.name(), right.name());
