@@ -126,7 +126,11 @@ TEST_F(SignalHandlerTest, CrashIsReportedWithTheNamesOfTheFunctions) {
 TEST_F(SignalHandlerTest, SetUpInstallsTheHandlerAndNothingElse) {
     Child child([this] {
         const auto throwCallback = [] {};
-        SetUpHandlers(throwCallback, &KeepReport);
+        {
+            // Once before it is needed, since it loads a library.
+            const FailingCall call("backtrace", [] {});
+            SetUpHandlers(throwCallback, &KeepReport);
+        }
         EXPECT_EQ(SignalHandlerService::pThrowExceptionCallback, static_cast<void (*)()>(throwCallback));
         sigset_t none;
         sigemptyset(&none);
@@ -283,14 +287,24 @@ TEST_F(ThrowHandlerTest, ProgramCalculatesOnAsItDid) {
 #endif
 
 #if defined(__arm__)
-// Returns from where it was called, also when it was interrupted there.
-[[gnu::naked, gnu::noinline]] int LeafThatGoesOn(const int* /*where*/) { asm("ldr r1, [r0]\n\tmovs r0, #7\n\tbx lr"); }
+// Return from where they were called, also when they were interrupted there; one with the stack pointer in between the
+// multiples of 8 that calls need.
+[[gnu::naked]] int LeafThatGoesOn(const int* /*where*/) { asm("ldr r1, [r0]\n\tmovs r0, #7\n\tbx lr"); }
+
+[[gnu::naked]] int OddLeafThatGoesOn(const int* /*where*/) {
+    asm("push {r4}\n\tldr r1, [r0]\n\tmovs r0, #7\n\tpop {r4}\n\tbx lr");
+}
 
 TEST_F(ThrowHandlerTest, CallbackThatReturnsGoesOnBehindTheInstruction) {
     Child child([] {
         Install();
-        SignalHandlerService::pThrowExceptionCallback = [] {};
-        return LeafThatGoesOn(nowhere) == 7 ? 0 : 1;
+        static std::uintptr_t stackPointer = 1;
+        for (const auto leaf : {&LeafThatGoesOn, &OddLeafThatGoesOn}) {
+            SignalHandlerService::pThrowExceptionCallback = [] { asm volatile("mov %0, sp" : "=r"(stackPointer)); };
+            EXPECT_EQ(leaf(nowhere), 7);
+            EXPECT_EQ(stackPointer % 8, 0U);
+        }
+        return testing::Test::HasFailure() ? 1 : 0;
     });
     EXPECT_EQ(child.Wait(), 0);
 }
