@@ -35,4 +35,8 @@ void RegisterObjects(ServiceFactory& factory) {
             }
         });
     }
+    // By two threads at once: what it costs to wait for one another.
+    Register("mutex/create and delete by two threads/library", [&factory] { delete factory.CreateMutex(false); })
+        ->Threads(2)
+        ->UseRealTime();
 }

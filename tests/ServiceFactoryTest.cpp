@@ -241,12 +241,30 @@ TEST_F(ServiceFactoryTest, RegistersFromAllThreads) {
     EXPECT_EQ(LiveObjects(), 0U);
 }
 
+TEST_F(ServiceFactoryTest, RegistryThatIsHeldForLongIsWaitedFor) {
+    std::thread other;
+    std::atomic<bool> waits{false};
+    FailingCall blocking("pthread_mutex_lock", [&] { waits = true; });
+    blocking.InAnyThread();
+    {
+        const FailingCall held("pthread_mutex_unlock", [&] {
+            other = std::thread([] { const TestService service; });
+            while (!waits) {
+                std::this_thread::yield();
+            }
+        });
+        const TestService service;
+    }
+    other.join();
+}
+
 // In a child, since the registry stays locked when it cannot be unlocked.
 TEST_F(ServiceFactoryTest, RegistrationThatFailsLeavesNoEntry) {
     Child child([this] {
+        ExpectFailures(Told::ByErrnoBesideCode,
+                       {{"pthread_mutex_trylock", [] { TestService(); }, "TryLock: Mutex could not be trylocked: {}"}});
         ExpectFailures(Told::ByCode,
-                       {{"pthread_mutex_lock", [] { TestService(); }, "Lock: Mutex could not be locked: {}"},
-                        {"pthread_mutex_unlock", [] { TestService(); }, "Unlock: Mutex could not be unlocked: {}"}});
+                       {{"pthread_mutex_unlock", [] { TestService(); }, "Unlock: Mutex could not be unlocked: {}"}});
         EXPECT_EQ(LiveObjects(), 0U);
         EXPECT_TRUE(factory->GetRegisteredServiceObjects().empty());
         return HasFailure() ? 1 : 0;
