@@ -181,24 +181,18 @@ TEST(VeExceptionTest, ShowsModuleAndAddressOfFramesWithoutAName) {
 TEST(VeExceptionTest, NamesEachAddressOnceUntilALibraryIsUnloaded) {
     UnloadSomeLibrary();
     BasicString traces[3];
-    int namings[3] = {};
+    bool names[3];
     for (int i = 0; i < 3; ++i) {
-        bool isOver = false;
-        const FailingCall call("dladdr", [&] { namings[i] += isOver ? 0 : 1; });
-        traces[i] = MakeVeException().GetStackTrace();
-        isOver = true;
-        // Met now, if it was not before.
-        Dl_info symbol;
-        dladdr(&call, &symbol);
+        names[i] = FailingCall::HappensIn([&] { traces[i] = MakeVeException().GetStackTrace(); }, "dladdr");
         if (i == 1) {
             UnloadSomeLibrary();
         }
     }
     EXPECT_EQ(traces[0], traces[1]);
     EXPECT_EQ(traces[0], traces[2]);
-    EXPECT_EQ(namings[0], 1);
-    EXPECT_EQ(namings[1], 0);
-    EXPECT_EQ(namings[2], 1);
+    EXPECT_TRUE(names[0]);
+    EXPECT_FALSE(names[1]);
+    EXPECT_TRUE(names[2]);
 }
 
 TEST(VeExceptionTest, WhoeverFindsTheKnownNamesInUseDoesWithout) {

@@ -50,16 +50,8 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    /// Whether `operation` has the system synchronise a file.
     static bool Synchronises(const std::function<void()>& operation) {
-        bool isOver = false;
-        bool synchronises = false;
-        const FailingCall call("fsync", [&] { synchronises = !isOver; });
-        operation();
-        isOver = true;
-        // Met now, if it was not before.
-        fsync(-1);
-        return synchronises;
+        return FailingCall::HappensIn(operation, "fsync");
     }
 
     /// The descriptor of the file, -1 when it is not open.
@@ -247,14 +239,9 @@ TEST_F(FileTest, OrdinaryUserIsDenied) {
     SetContent("old");
     std::filesystem::permissions(std::string(path), std::filesystem::perms::owner_read);
     Child child([this] {
-        if (geteuid() == 0) {
-            // The file is to be the user's own, and the folder to stay out of reach of it.
-            constexpr uid_t nobody = 65534;
-            if (chown(path.c_str(), nobody, nobody) != 0 || chmod((folder / "").c_str(), 0755) != 0 ||
-                setgid(nobody) != 0 || setuid(nobody) != 0) {
-                return 2;
-            }
-        }
+        // The folder stays out of the user's reach.
+        EXPECT_EQ(chmod((folder / "").c_str(), 0755), 0);
+        BecomeOrdinaryUser(path);
         const std::string denied = "Path '" + path + "' already exists.";
         EXPECT_EQ(Read(*Make(FileMode::Open, FileAccess::Read)), "old");
         for (const auto mode :

@@ -58,17 +58,7 @@ protected:
     const std::string alreadyStarted = "EnsureHasNotStarted: Process already started.";
 };
 
-// Whether `operation` sends a signal.
-bool Signals(const std::function<void()>& operation) {
-    bool isOver = false;
-    bool signals = false;
-    const FailingCall call("kill", [&] { signals = !isOver; });
-    operation();
-    isOver = true;
-    // Met now, if it was not before.
-    kill(getpid(), 0);
-    return signals;
-}
+bool Signals(const std::function<void()>& operation) { return FailingCall::HappensIn(operation, "kill"); }
 
 TEST_F(ProcessTest, ArgumentsAreSplitAtBlanksTabsAndLineFeeds) {
     const BasicString program = Program("arguments", "echo \"$0\"; for a; do printf '[%s]' \"$a\"; done");
@@ -205,10 +195,8 @@ TEST_F(ProcessTest, WithoutAChildNobodyIsTouched) {
         EXPECT_TRUE(never->HasExited());
 
         const BasicString program = Program("other", "");
-        if (geteuid() == 0) {
-            // Limits do not hold for root.
-            EXPECT_EQ(setgid(65534) + setuid(65534), 0);
-        }
+        // Limits do not hold for root.
+        BecomeOrdinaryUser();
         const rlimit none{0, 0};
         setrlimit(RLIMIT_NPROC, &none);
         const auto failed = Make();

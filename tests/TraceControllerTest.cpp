@@ -21,10 +21,7 @@ protected:
     int AsUser(const std::function<void()>& test) {
         return Child([&] {
                    alarm(120);
-                   constexpr uid_t nobody = 65534;
-                   if (geteuid() == 0) {
-                       EXPECT_EQ(chown(home.c_str(), nobody, nobody) + setgid(nobody) + setuid(nobody), 0);
-                   }
+                   BecomeOrdinaryUser(home);
                    // NOLINTBEGIN(concurrency-mt-unsafe): the child has one thread.
                    setenv("LTTNG_HOME", home.c_str(), 1);
                    setenv("HOME", home.c_str(), 1);

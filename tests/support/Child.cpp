@@ -17,6 +17,14 @@
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the name that it looks for.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0:report_signal_unsafe=0"; }
 
+void BecomeOrdinaryUser(const std::string& path) {
+    constexpr uid_t nobody = 65534;
+    if (geteuid() == 0 &&
+        ((!path.empty() && chown(path.c_str(), nobody, nobody) != 0) || setgid(nobody) != 0 || setuid(nobody) != 0)) {
+        throw std::system_error(errno, std::generic_category(), "setuid");
+    }
+}
+
 Child::Child(const std::function<int()>& function) : processId(fork()) {
     if (processId < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");

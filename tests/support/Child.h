@@ -3,6 +3,10 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <string>
+
+/// Gives up the rights of root, if this process has them, for those of an ordinary user, who gets `path`, unless empty.
+void BecomeOrdinaryUser(const std::string& path = "");
 
 /// A child process that runs a function with the parent's memory as it was, and ends with its result as the exit code.
 class Child {

@@ -106,6 +106,15 @@ FailingCall::~FailingCall() {
     EXPECT_TRUE(happened) << function << " was not called";
 }
 
+bool FailingCall::HappensIn(const std::function<void()>& operation, const char* functionName) {
+    bool happens = false;
+    FailingCall call(functionName, [&] { happens = true; });
+    operation();
+    // It need not have been made.
+    call.happened = true;
+    return happens;
+}
+
 bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult, void* argument) {
     const auto isMeant = [functionName](const FailingCall* call) {
         return call != nullptr && std::strcmp(call->function, functionName) == 0;

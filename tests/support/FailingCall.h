@@ -39,6 +39,9 @@ public:
     FailingCall(const FailingCall&) = delete;
     FailingCall& operator=(const FailingCall&) = delete;
 
+    /// Returns whether `operation` makes such a call, which goes through.
+    static bool HappensIn(const std::function<void()>& operation, const char* function);
+
     /// For the intercepting functions: true when this call is to return `result`.
     static bool Intercepts(const char* function, std::intptr_t& result, void* argument = nullptr);
 
