@@ -26,13 +26,13 @@ void IpcCondVarService::NotifyOne() { CheckReturnedCode(pthread_cond_signal(&con
 void IpcCondVarService::NotifyAll() { CheckReturnedCode(pthread_cond_broadcast(&condition)); }
 
 void IpcCondVarService::Wait(IpcMutexService& mutex) {
-    CheckReturnedCode(pthread_cond_wait(&condition, mutex.GetNativeHandle()));
+    CheckReturnedCode(mutex.Recover(pthread_cond_wait(&condition, mutex.GetNativeHandle())));
 }
 
 bool IpcCondVarService::WaitFor(IpcMutexService& mutex, unsigned long timeoutMs) {
     timespec deadline;
     TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Monotonic);
-    const int code = pthread_cond_timedwait(&condition, mutex.GetNativeHandle(), &deadline);
+    const int code = mutex.Recover(pthread_cond_timedwait(&condition, mutex.GetNativeHandle(), &deadline));
     if (code == ETIMEDOUT) {
         return false;
     }

@@ -8,10 +8,12 @@ namespace Kel::System::Ve::Internal::Linux {
 /// A mutex for the threads of several processes, with priority inheritance, in memory that they share. Not a service
 /// object: its user places it there, calls `Init` once before any other process uses it, and `Destroy` once after the
 /// last has. All other operations may be called from any thread of any process, and behave as those of
-/// `IMutexService`. A process that ends while it holds the mutex leaves it unusable: the C library ends those who wait
-/// for it at that moment, and later ones wait in vain.
+/// `IMutexService`. When a process ends while it holds the mutex, what that guards may be half changed: the next who
+/// asks for the mutex gets an exception, with the text of EOWNERDEAD ("Owner died") as its error, and does not hold it.
+/// After that it is as good as before, so whoever gets the exception mends, or gives up, what the mutex guards.
 class KEL_API IpcMutexService : public PosixMutex {
 public:
+    /// Makes the mutex where it lies, free.
     void Init(bool recursive);
 };
 

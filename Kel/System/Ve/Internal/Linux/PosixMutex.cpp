@@ -16,6 +16,11 @@ void PosixMutex::Init(bool recursive, int processShared) {
                       "{0}: Could not set shared-flag on mutex attribute: {1}");
     CheckReturnedCode(pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT),
                       "{0}: Could not update the protocol information for the mutex: {1}");
+    if (processShared == PTHREAD_PROCESS_SHARED) {
+        // Without this the C library ends those who wait for a holder that dies, and lets later ones wait for ever.
+        CheckReturnedCode(pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST),
+                          "{0}: Mutex could not be initiated: {1}");
+    }
     CheckReturnedCode(pthread_mutex_init(&mutex, &attributes), "{0}: Mutex could not be initiated: {1}");
 }
 
@@ -30,12 +35,33 @@ bool PosixMutex::IsRecursive() const {
     return type == PTHREAD_MUTEX_RECURSIVE;
 }
 
-void PosixMutex::Lock() { CheckReturnedCode(pthread_mutex_lock(&mutex), "{0}: Mutex could not be locked: {1}"); }
+int PosixMutex::Recover(int code) {
+    if (code == EOWNERDEAD) {
+        pthread_mutex_consistent(&mutex);
+        errno = code;
+    }
+    return code;
+}
+
+int PosixMutex::ReleaseDeadOnes() {
+    const int code = Recover(EOWNERDEAD);
+    pthread_mutex_unlock(&mutex);
+    return code;
+}
+
+void PosixMutex::Lock() {
+    CheckReturnedCode(Release(pthread_mutex_lock(&mutex)), "{0}: Mutex could not be locked: {1}");
+}
 
 int PosixMutex::TimedLock(unsigned int timeoutMs) {
-    timespec deadline;
-    TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
-    const int code = pthread_mutex_timedlock(&mutex, &deadline);
+    // A free mutex is had without reading the clock, which would take longer than all the rest.
+    int code = pthread_mutex_trylock(&mutex);
+    if (code == EBUSY) {
+        timespec deadline;
+        TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
+        code = pthread_mutex_timedlock(&mutex, &deadline);
+    }
+    code = Release(code);
     if (code == 0) {
         return 0;
     }
@@ -47,7 +73,7 @@ int PosixMutex::TimedLock(unsigned int timeoutMs) {
 }
 
 bool PosixMutex::TryLock() {
-    const int code = pthread_mutex_trylock(&mutex);
+    const int code = Release(pthread_mutex_trylock(&mutex));
     if (code == 0) {
         return true;
     }
