@@ -4,6 +4,7 @@
 #include <Kel/Core/Export.h>
 #include <Kel/System/Ve/Internal/ProcessServiceBase.h>
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <vector>
@@ -44,7 +45,10 @@ private:
     void EnsureHasNotStarted() const;
     static void EnsureExecutableExists(const BasicString& path);
 
-    // In the child, where nothing may be allocated.
+    // In the child, which runs in this process's memory, on this thread's stack: nothing may be allocated or changed,
+    // and nothing but this function's frame and what it calls lies below its caller's.
+    [[noreturn, gnu::noinline]] static void ExecuteProgram(const char* directory, char* const* arguments, bool asDaemon,
+                                                           const sigset_t& signalMask);
     static void ChangeWorkingDirectory(const char* path);
     static void Daemonize();
 
