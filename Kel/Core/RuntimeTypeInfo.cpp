@@ -29,11 +29,16 @@ BasicString RuntimeTypeInfo::GetTypeName(const std::type_info& type) {
     if (name.empty()) {
         throw Exception("Demangling of type name '{0}' failed.", rawName);
     }
-    for (const std::string_view keyword : {"class ", "struct ", "enum "}) {
-        for (auto position = name.find(keyword); position != BasicString::npos;
-             position = name.find(keyword, position)) {
-            name.erase(position, keyword.size());
+    const auto erase = [&](std::string_view keyword) {
+        const auto position = name.find(keyword);
+        if (position == BasicString::npos) {
+            return false;
         }
+        name.erase(position, keyword.size());
+        return true;
+    };
+    // Until there is none: what is left on both sides of one may be another.
+    while (erase("class ") || erase("struct ") || erase("enum ")) {
     }
     return name;
 }

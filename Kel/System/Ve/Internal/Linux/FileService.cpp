@@ -212,6 +212,9 @@ int FileService::Seek(unsigned int offset, SeekOrigin origin) {
     if (offset > INT_MAX) {
         throw VeException("{0}: Offset out of range. {0}", __func__);
     }
+    // It flushes, which is a cancellation point. The compiler takes fseek for one that throws nothing, so that a thread
+    // that is cancelled in there would end the process.
+    const CancellationDisabled disabled;
     const int whence = origin == SeekOrigin::Begin ? SEEK_SET : origin == SeekOrigin::Current ? SEEK_CUR : SEEK_END;
     if (fseek(pFile, static_cast<long>(offset), whence) != 0) {
         throw VeException("{0}", __func__);

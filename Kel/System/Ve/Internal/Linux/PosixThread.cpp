@@ -53,15 +53,16 @@ public:
 
     void Happens(bool returned) {
         const CancellationDisabled disabled;
+        State& shared = *launch->state;
         {
-            State& state = *launch->state;
-            const MutexGuard guard(state.lock);
-            if (state.generation == launch->generation) {
-                state.running = false;
-                state.returned = returned;
-                pthread_cond_broadcast(&state.changed);
+            const MutexGuard guard(shared.lock);
+            if (shared.generation == launch->generation) {
+                shared.running = false;
+                shared.returned = returned;
             }
         }
+        // Not under the lock, which those who wake up take.
+        pthread_cond_broadcast(&shared.changed);
         launch.reset();
     }
 
@@ -140,14 +141,17 @@ int PosixThread::Join(unsigned int generation) {
     }
     const CancellationDisabled disabled;
     const int code = pthread_join(thread, nullptr);
-    const MutexGuard guard(shared->lock);
-    if (shared->generation == generation) {
-        shared->joining = false;
-        if (code == 0) {
-            shared->thread = 0;
+    // Nothing may keep this from being noted: those who join at the same time would wait for ever.
+    [&]() noexcept {
+        const MutexGuard guard(shared->lock);
+        if (shared->generation == generation) {
+            shared->joining = false;
+            if (code == 0) {
+                shared->thread = 0;
+            }
+            pthread_cond_broadcast(&shared->changed);
         }
-        pthread_cond_broadcast(&shared->changed);
-    }
+    }();
     return code;
 }
 

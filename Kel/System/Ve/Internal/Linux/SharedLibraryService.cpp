@@ -66,7 +66,12 @@ void SharedLibraryService::Load(const BasicString& path) {
         throw VeException(
             FinishedText{"Loading of the shared library '" + converted + "' failed with error '" + error + "'"});
     }
-    LockMemory();
+    try {
+        LockMemory();
+    } catch (...) {
+        Unload();
+        throw;
+    }
 }
 
 void SharedLibraryService::LockMemory() {

@@ -491,9 +491,11 @@ void SocketService::Unlink() {
     if (address.sun_family != AF_UNIX) {
         return;
     }
+    // A path may fill its place to the last byte. Nothing is allocated: this is part of being deleted.
+    char path[sizeof address.sun_path + 1] = "";
+    std::memcpy(path, address.sun_path, sizeof address.sun_path);
     // Abstract names begin with a null, and so does the place of a name when there is none.
-    const BasicString path = PathOf(address);
-    if (!path.empty() && unlink(path.c_str()) == -1) {
+    if (path[0] != '\0' && unlink(path) == -1) {
         throw VeException("Could not unlink socket file.");
     }
 }

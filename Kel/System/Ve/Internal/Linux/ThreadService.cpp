@@ -77,7 +77,7 @@ void ThreadService::StartThread() {
         if (failure.code != 0) {
             Fail(failure);
         }
-        semIsStartedPtr->WaitThroughSignals();
+        WaitForPost();
     } catch (...) {
         pthread_attr_destroy(&attributes);
         throw;
@@ -90,6 +90,17 @@ void ThreadService::StartThread() {
     }
     if (destroyCode != 0) {
         Fail({"Could not destroy thread attribute", destroyCode});
+    }
+}
+
+void ThreadService::WaitForPost() {
+    try {
+        semIsStartedPtr->WaitThroughSignals();
+    } catch (...) {
+        // Whoever starts anew would take away what the thread still posts to.
+        while (!semIsStartedPtr->Wait(1)) {
+        }
+        throw;
     }
 }
 

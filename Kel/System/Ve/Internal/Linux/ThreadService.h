@@ -36,6 +36,8 @@ private:
     static void* RunInternal(void* self);
 
     Failure Create(pthread_attr_t& attributes);
+    // Returns or throws once the new thread has posted.
+    void WaitForPost();
     [[noreturn]] void Fail(const Failure& failure);
 
     // Posted once by each new thread.

@@ -39,7 +39,9 @@ private:
 // For calls that return the negative number of an error, or what they are asked for.
 int Check(int result, const char* message) {
     if (result < 0) {
-        throw VeException(message, lttng_strerror(result), result);
+        // The library has no text for some of its own errors; this is the one for numbers that it does not know.
+        const char* const text = lttng_strerror(result);
+        throw VeException(message, text != nullptr ? text : "Unknown error code", result);
     }
     return result;
 }
