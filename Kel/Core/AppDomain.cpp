@@ -11,9 +11,13 @@ namespace Kel {
 
 namespace {
 
+[[noreturn, gnu::cold, gnu::noinline]] void ThrowFailure(int code) {
+    throw Exception("Lock of the AppDomain failed: {0}", ErrorText(code));
+}
+
 void Check(int code) {
     if (code != 0) {
-        throw Exception("Lock of the AppDomain failed: {0}", ErrorText(code));
+        ThrowFailure(code);
     }
 }
 
@@ -39,11 +43,7 @@ Locked LockForWriting(pthread_rwlock_t& lock) {
 template <>
 AppDomain* Singleton<AppDomain>::pInstance = nullptr;
 
-bool AppDomain::TypeOrder::operator()(std::type_index left, std::type_index right) const {
-    // Found so in nearly all cases, and each making and deleting of an object looks twice.
-    if (left.name() == right.name()) {
-        return false;
-    }
+bool AppDomain::TypeOrder::IsBefore(std::type_index left, std::type_index right) {
     const int order = std::strcmp(left.name(), right.name());
     // Types that are local to different source files may have the same name, but not at the same address.
     return order != 0 ? order < 0 : left != right && std::less<>()(left.name(), right.name());

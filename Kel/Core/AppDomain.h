@@ -12,7 +12,8 @@ namespace Kel {
 
 /// The process's registry of singletons: at most one instance of each type, found by its type.
 /// The host makes one and stores its address in `Singleton<AppDomain>::pInstance`. The instances are not owned.
-/// Thread-safe; the lock is never held while foreign code runs or an exception is made.
+/// Thread-safe; the lock is never held while foreign code runs or an exception is made. When it cannot be had, an
+/// operation throws `Kel::Exception`.
 class KEL_API AppDomain {
 public:
     /// Throws `Kel::Exception` when the lock cannot be made.
@@ -38,13 +39,18 @@ private:
     // By name: the order of `std::type_index` itself contradicts itself on 32-bit ARM when one of two types is local to
     // its source file, and then one type's instance is found for the other.
     struct TypeOrder {
-        bool operator()(std::type_index left, std::type_index right) const;
+        bool operator()(std::type_index left, std::type_index right) const {
+            // Most are found by the same name at the same address, and each making and deleting of an object looks.
+            return left.name() != right.name() && IsBefore(left, right);
+        }
+        static bool IsBefore(std::type_index left, std::type_index right);
     };
 
     std::map<std::type_index, void*, TypeOrder> singletons;
     mutable pthread_rwlock_t lock;
 };
 
+/// The process's AppDomain.
 template <>
 KEL_API AppDomain* Singleton<AppDomain>::pInstance;
 

@@ -89,20 +89,27 @@ void ServiceFactory::RegisterServiceObject(IServiceObject* object) {
     if (object == nullptr) {
         return;
     }
-    // The entry is made outside the lock: nothing under it allocates or can fail.
-    ServiceObjects single;
-    single.try_emplace(object);
-    ServiceObjects::node_type entry = single.extract(single.begin());
-
     LockRegistry(*registryMutex);
-    const bool inserted = registeredObjects.insert(std::move(entry)).inserted;
+    ServiceObjects::node_type entry = std::move(spareEntry);
+    if (entry.empty()) {
+        // Made outside the lock: nothing under it allocates.
+        registryMutex->Unlock();
+        ServiceObjects single;
+        single.try_emplace(object);
+        entry = single.extract(single.begin());
+        LockRegistry(*registryMutex);
+    }
+    entry.key() = object;
+    const std::size_t before = registeredObjects.size();
+    const auto made = registeredObjects.insert(recentlyChanged, std::move(entry));
+    recentlyChanged = made;
     statistics.IncrementNumOfObjects();
     try {
         registryMutex->Unlock();
     } catch (...) {
         // The object's construction fails now, so it must not stay listed.
-        if (inserted) {
-            registeredObjects.erase(object);
+        if (registeredObjects.size() != before) {
+            recentlyChanged = registeredObjects.erase(made);
         }
         statistics.DecrementNumOfObjects();
         throw;
@@ -117,8 +124,15 @@ void ServiceFactory::ReleaseServiceObject(IServiceObject* object) {
         return;
     }
     LockRegistry(*registryMutex);
-    // Freed after the lock is.
-    const ServiceObjects::node_type entry = registeredObjects.extract(object);
+    if (recentlyChanged == registeredObjects.end() || recentlyChanged->first != object) {
+        recentlyChanged = registeredObjects.find(object);
+    }
+    // What was the spare one until now is freed after the lock is.
+    ServiceObjects::node_type entry;
+    if (recentlyChanged != registeredObjects.end()) {
+        entry = registeredObjects.extract(recentlyChanged++);
+        entry.swap(spareEntry);
+    }
     statistics.DecrementNumOfObjects();
     registryMutex->Unlock();
 }

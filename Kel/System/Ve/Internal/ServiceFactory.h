@@ -17,6 +17,7 @@ namespace Kel::System::Ve::Internal {
 /// The process's one factory, found through `GetInstance()`, and its registry of all live service objects.
 class KEL_API ServiceFactory : public IServiceFactory, public AppDomainSingleton<ServiceFactory> {
 public:
+    /// The registry: each live service object, and a place for a text about it.
     using ServiceObjects = std::map<IServiceObject*, ServiceObjectDebugData>;
 
     /// Makes the factory and stores it in the AppDomain. Throws `Kel::Exception` when there is no AppDomain or a
@@ -43,6 +44,7 @@ public:
     /// when no other thread makes or deletes objects. Throws `Kel::Exception` at an object whose type has no name.
     void PrintAllNotDestroyedServiceObjects();
 
+    /// The version of the library.
     BasicVersion GetVersion() const { return version; }
 
     /// The counters themselves, unlocked.
@@ -63,6 +65,11 @@ private:
     BasicVersion version;
     ServiceManagerStatistics statistics;
     std::unique_ptr<IMutexService> registryMutex;
+    // The last entry made, or the one behind the last removed. Objects that live shortly are made and deleted without a
+    // search, however many others there are.
+    ServiceObjects::iterator recentlyChanged = registeredObjects.end();
+    // Left by a deleted object for the next one, which then allocates nothing for it.
+    ServiceObjects::node_type spareEntry;
 };
 
 }  // namespace Kel::System::Ve::Internal

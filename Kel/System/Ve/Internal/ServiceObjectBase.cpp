@@ -2,10 +2,12 @@
 
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 
+#include <utility>
+
 namespace Kel::System::Ve::Internal {
 
-ServiceObjectBase::ServiceObjectBase(const BasicString& serviceName, ServiceType type, bool registers)
-    : nameOfService(serviceName), serviceType(type), registered(registers) {
+ServiceObjectBase::ServiceObjectBase(BasicString serviceName, ServiceType type, bool registers)
+    : nameOfService(std::move(serviceName)), serviceType(type), registered(registers) {
     // Last: whatever threw after it would leave an entry without an object.
     if (registered) {
         ServiceFactory::GetInstance()->RegisterServiceObject(this);

@@ -18,7 +18,7 @@ public:
 protected:
     /// Enters the object into the factory's registry if `registers` is set. Throws `Kel::Exception` when there is no
     /// factory, VeException when the registry cannot be used.
-    ServiceObjectBase(const BasicString& serviceName, ServiceType type, bool registers);
+    ServiceObjectBase(BasicString serviceName, ServiceType type, bool registers);
 
     /// Leaves the registry. Ends the process when the factory is gone: services are deleted before it is disposed.
     ~ServiceObjectBase() override;

@@ -17,9 +17,13 @@ constexpr char readLockFailed[] = "Could not acquire read-lock. Error {0} ({1}).
 constexpr char writeLockFailed[] = "Could not acquire write-lock. Error {0} ({1}).";
 
 // Unlike elsewhere, the messages carry the text and the number of the error, and not the operation.
+[[noreturn, gnu::cold, gnu::noinline]] void Throw(int code, const char* message) {
+    throw VeException(message, ErrorText(code), code);
+}
+
 void Check(int code, const char* message) {
     if (code != 0) {
-        throw VeException(message, ErrorText(code), code);
+        Throw(code, message);
     }
 }
 
@@ -71,16 +75,23 @@ bool RWLockService::TryAcquireReadLock() { return TryResult(pthread_rwlock_tryrd
 bool RWLockService::TryAcquireWriteLock() { return TryResult(pthread_rwlock_trywrlock(&lock), writeLockFailed); }
 
 bool RWLockService::TimedAcquireReadLock(unsigned int timeoutMs) {
-    timespec deadline;
-    TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
-    const int code = pthread_rwlock_timedrdlock(&lock, &deadline);
+    // A free lock is had without reading the clock, which would take longer than all the rest.
+    int code = pthread_rwlock_tryrdlock(&lock);
+    if (code == EBUSY) {
+        timespec deadline;
+        TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
+        code = pthread_rwlock_timedrdlock(&lock, &deadline);
+    }
     return TimedResult(code, errno);
 }
 
 bool RWLockService::TimedAcquireWriteLock(unsigned int timeoutMs) {
-    timespec deadline;
-    TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
-    const int code = pthread_rwlock_timedwrlock(&lock, &deadline);
+    int code = pthread_rwlock_trywrlock(&lock);
+    if (code == EBUSY) {
+        timespec deadline;
+        TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
+        code = pthread_rwlock_timedwrlock(&lock, &deadline);
+    }
     return TimedResult(code, errno);
 }
 
