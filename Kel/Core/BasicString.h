@@ -16,8 +16,11 @@ public:
     using std::string::string;
 
     BasicString() = default;
+    /// @{
+    /// The same text. Implicit: wherever the library takes a text, it takes a `std::string`.
     BasicString(const std::string& text) : std::string(text) {}
     BasicString(std::string&& text) noexcept : std::string(std::move(text)) {}
+    /// @}
     BasicString(std::nullptr_t) = delete;
 
     /// The empty string.

@@ -21,6 +21,7 @@ public:
     explicit Exception(const char* format, const Arguments&... arguments)
         : Exception(FinishedText{FormatMessage(format, {FormatArgument(arguments)...})}) {}
 
+    /// The same, caused by `inner`.
     template <typename... Arguments>
     Exception(std::shared_ptr<Exception> inner, const char* format, const Arguments&... arguments)
         : Exception(FinishedText{FormatMessage(format, {FormatArgument(arguments)...})}, std::move(inner)) {}
@@ -37,11 +38,13 @@ public:
     /// if there is one and `withInner` is set.
     virtual BasicString Format(int indent, bool withInner) const;
 
+    /// 0; each exception type that has a number overrides this.
     virtual std::int32_t GetTypeCodeInternal() const;
 
     /// `Format(0, true)`.
     BasicString ToString() const;
 
+    /// The message alone.
     const BasicString& GetMessage() const { return message; }
     /// Empty when there is none.
     const std::shared_ptr<Exception>& GetInnerException() const { return innerException; }

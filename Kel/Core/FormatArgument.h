@@ -11,12 +11,15 @@ namespace Kel {
 /// anything but characters as addresses. Texts are not copied, so an argument lives no longer than what it was made of.
 class FormatArgument {
 public:
+    /// What an argument is kept as.
     using Value = std::variant<bool, char, int, unsigned int, long long, unsigned long long, float, double, long double,
                                const char*, std::string_view, const void*>;
 
+    /// Takes what the class comment says; refuses anything else at compile time.
     template <typename T>
     explicit FormatArgument(const T& argument) : value(Convert(argument)) {}
 
+    /// The argument as it is kept.
     const Value& Get() const { return value; }
 
 private:

@@ -11,14 +11,15 @@ namespace Kel::System::Ve {
 /// A condition variable for the threads of one process. It measures time on the monotonic clock, so setting the wall
 /// clock neither lengthens nor shortens a wait. A thread that waits holds the mutex, releases it while it waits, and
 /// holds it again afterwards, whatever the outcome. A wait may end without reason: test what was waited for, and wait
-/// again. Waits are cancellation points.
+/// again. Waits are cancellation points: a thread that is cancelled in one holds the mutex while its stack is unwound.
+/// Signals do not end a wait. What fails throws VeException.
 class KEL_API ICondVariableService : public virtual IServiceObject {
 public:
+    /// A moment on the monotonic clock.
     using SteadyTimePoint = std::chrono::time_point<std::chrono::steady_clock, std::chrono::nanoseconds>;
 
     /// Waits until notified (pthread_cond_wait). The mutex is one that the same factory made and that is not recursive:
     /// a recursive one is unlocked once, then VeException is thrown; a mutex of another kind gives `std::bad_cast`.
-    /// Throws VeException when the wait fails.
     virtual void Wait(IMutexService& mutex) = 0;
 
     /// As `Wait`, for no longer than `timeoutMs` milliseconds (0: do not wait). Returns true when notified, false when

@@ -7,8 +7,12 @@ namespace Kel::System::Ve {
 
 /// An open file, as a buffered stream of bytes (fopen). Several threads may read, write, flush and seek it, each
 /// operation as a whole, but the position that Seek returns may be where another has moved it; whoever closes or
-/// deletes it sees to it that no other operation is in progress. Between writing and reading, seek or flush. Once the
-/// file is closed, everything throws VeException.
+/// deletes it sees to it that no other operation is in progress. Between writing and reading, seek or flush. Opening,
+/// and Read, Write and Flush when they reach the system, may wait for it and are cancellation points; Seek, Close and
+/// deleting are none. Deleting closes, and tells no failure. Once the file is closed, everything throws VeException.
+///
+/// Opening throws NotExistException (ENOENT), AlreadyExistsException (EEXIST), AccessDeniedException (EACCES),
+/// InvalidPathException (EINVAL) and VeException for anything else, such as a mode that needs write access.
 class KEL_API IFileService : public virtual IServiceObject {
 public:
     /// All but `Open` and `OpenOrCreate` need write access.
@@ -23,16 +27,16 @@ public:
 
     /// Both `Write` and `ReadWrite` allow reading.
     enum class FileAccess : int {
-        Read = 1,
-        Write = 2,
-        ReadWrite = 3,
+        Read = 1,       ///< nothing is written, unless opened with `OpenOrCreate`
+        Write = 2,      ///< as `ReadWrite`
+        ReadWrite = 3,  ///< to read and to write
     };
 
     /// Any other value is as `End`.
     enum class SeekOrigin : int {
-        Begin = 1,
-        Current = 2,
-        End = 3,
+        Begin = 1,    ///< the first byte
+        Current = 2,  ///< where the next byte would be read or written
+        End = 3,      ///< behind the last byte
     };
 
     /// Reads up to `count` bytes into `buffer`, from its beginning: `offset` has no effect (fread). Returns how many;

@@ -10,6 +10,7 @@ namespace Kel::System::Ve {
 /// that is not deleted before the factory is disposed ends the process there: its type has no name to be reported with.
 class KEL_API INetworkInterfaceInfo : public virtual IServiceObject {
 public:
+    /// The name that was asked for, such as "eth0".
     virtual const BasicString& GetName() const = 0;
 
     /// The IPv4 address, such as "192.0.2.1".

@@ -7,7 +7,7 @@
 namespace Kel::System::Ve {
 
 /// A child process. Not thread-safe: one owner drives an object. Deleting the object neither ends the child nor waits
-/// for it.
+/// for it. Only StartBlocking is a cancellation point; the child of a thread that is cancelled in it runs on.
 ///
 /// What starts a program takes the same three arguments. `workingDirectory` is where the program runs; empty for that
 /// of the caller. `executable` is its path, if relative, from the caller's working directory; PATH is not searched.
@@ -17,7 +17,8 @@ namespace Kel::System::Ve {
 /// ends with exit code 1, and when the system can make no process, HasExited is true.
 class KEL_API IProcessService : public virtual IServiceObject {
 public:
-    /// Starts a program (fork, execvp).
+    /// Starts a program (as fork and execvp; handlers of pthread_atfork are not called). Waits, with all signals
+    /// blocked, until it is executed, thus for the storage of the program and the directory: not for a control loop.
     virtual void Start(const BasicString& workingDirectory, const BasicString& executable,
                        const BasicString& parameters) = 0;
 
@@ -30,7 +31,7 @@ public:
     virtual bool HasExited() const = 0;
 
     /// Starts a program and waits for its end. `exitCode` is its exit code, 0 when a signal has ended it; unchanged
-    /// when it could not be started or waited for. A cancellation point.
+    /// when it could not be started or waited for. Signals do not end the wait.
     virtual void StartBlocking(const BasicString& workingDirectory, const BasicString& executable,
                                const BasicString& parameters, int& exitCode) = 0;
 

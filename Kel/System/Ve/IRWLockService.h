@@ -6,8 +6,10 @@
 namespace Kel::System::Ve {
 
 /// A lock for the threads of one process that many readers or one writer can hold. All operations may be called from
-/// any thread. A reader may acquire again; a writer that acquires again, in either mode, gets an exception (EDEADLK).
-/// Priorities are not inherited. What fails throws VeException.
+/// any thread. A reader may acquire again to read; if it asks to write, it waits for itself. A writer that acquires
+/// again, in either mode, gets an exception (EDEADLK), from a timed operation with whatever text `errno` has; a try
+/// returns false. Readers come first: a writer waits for as long as there is always one. Priorities are not inherited.
+/// None of the operations is a cancellation point, and signals do not end a wait. What fails throws VeException.
 class KEL_API IRWLockService : public virtual IServiceObject {
 public:
     /// Waits until there is no writer (pthread_rwlock_rdlock).
@@ -16,7 +18,8 @@ public:
     /// Waits until there is neither reader nor writer (pthread_rwlock_wrlock).
     virtual void AcquireWriteLock() = 0;
 
-    /// Releases what this thread holds, in whichever mode (pthread_rwlock_unlock).
+    /// Releases what this thread holds, in whichever mode (pthread_rwlock_unlock). Only for who holds it: that is not
+    /// looked at.
     virtual void ReleaseReadLock() = 0;
     /// The same as `ReleaseReadLock`.
     virtual void ReleaseWriteLock() = 0;

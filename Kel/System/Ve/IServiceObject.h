@@ -7,7 +7,8 @@
 namespace Kel::System::Ve {
 
 /// What all services have in common. A service is owned by whoever had it created and is deleted through any of its
-/// interfaces; the address of its one `IServiceObject` is its identity.
+/// interfaces, before the factory is disposed; the address of its one `IServiceObject` is its identity. Deleting is no
+/// cancellation point; what fails there ends the process, unless its interface says otherwise.
 /// The order of the virtual operations is part of the binary interface, here and in every service interface.
 class KEL_API IServiceObject {
 public:
@@ -16,6 +17,7 @@ public:
     /// The name of the kind of service, such as "MutexService"; not a name that the user gave.
     virtual const BasicString& GetServiceName() const = 0;
 
+    /// The kind of service, as a number that never changes.
     virtual ServiceType GetServiceType() const = 0;
 
 protected:

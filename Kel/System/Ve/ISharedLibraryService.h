@@ -9,12 +9,14 @@ namespace Kel::System::Ve {
 /// A shared library, loaded at run time and kept in memory for as long as it is loaded, so that calls into it take no
 /// page faults; without the right to lock memory (RLIMIT_MEMLOCK) it is loaded all the same. What is unloaded, and
 /// stays in the process for other reasons, is not locked any more, also when the program has called mlockall. Not
-/// thread-safe: one owner drives an object.
+/// thread-safe: one owner drives an object. No operation is a cancellation point of its own; what a library does when
+/// it is loaded or unloaded may be.
 class KEL_API ISharedLibraryService : public virtual IServiceObject {
 public:
     /// Loads a library (dlopen with all symbols bound, for later libraries, too, and mlock). Backslashes in the path
     /// count as slashes; a path without either is searched for as the loader does it; an empty one is the program
-    /// itself. Throws VeException when it cannot be loaded. Unload first what is loaded: it would stay so for ever.
+    /// itself. Waits for the storage. Throws VeException when it cannot be loaded. Unload first what is loaded: it
+    /// would stay so for ever.
     virtual void Load(const BasicString& path) = 0;
 
     /// Unloads the library (munlock, dlclose); addresses in it are good no longer. Does nothing when none is loaded.

@@ -9,18 +9,20 @@ namespace Kel::System::Ve {
 /// A region of memory that all processes share which know its name. It is mapped, readable and writable, until the
 /// process ends, also when the object is deleted; the name and the contents stay until they are unlinked. Close and
 /// Unlink may be called from any thread; what is written into the memory the users order themselves, for instance with
-/// an inter-process mutex in it. What fails throws `Kel::Exception`.
+/// an inter-process mutex in it. Nothing waits, nothing is a cancellation point. What fails throws `Kel::Exception`,
+/// which is no VeException.
 class KEL_API ISharedMemoryService : public virtual IServiceObject {
 public:
     /// What the constructor does; any value but `Create` opens.
     enum class mode : int {
-        Create = 0,
-        Open = 1,
+        Create = 0,  ///< creates, or empties what exists
+        Open = 1,    ///< fails when it does not exist; its size is not looked at
     };
 
     /// Returns where the memory is mapped.
     virtual void* GetAddress() = 0;
 
+    /// Returns the name as it was given.
     virtual const BasicString& GetName() const = 0;
 
     /// Returns the size in bytes that was asked for, also when the object that was opened has another.

@@ -7,7 +7,7 @@
 namespace Kel::System::Ve {
 
 /// Reports crashes of the process: SIGSEGV, SIGILL and SIGFPE. What is set up stays so for the rest of the process,
-/// also when the object is deleted.
+/// also when the object is deleted. Nothing here throws, waits, or is a cancellation point.
 class KEL_API ISignalHandlerService : public virtual IServiceObject {
 public:
     /// Sets the process's callbacks, either of which may be null, and installs the handler (sigaction). Call it before

@@ -16,25 +16,31 @@ namespace Kel::System::Ve {
 ///
 /// All operations may be called from any thread. A thread that waits in Poll, Select, Recv or Accept is woken by
 /// Shutdown; Close alone does not wake it. An operation that Close overtakes may meet a descriptor that another file
-/// has got since: threads that use the socket are better ended first. Operations that wait are cancellation points.
+/// has got since: threads that use the socket are better ended first. Accept, Connect, Select, Poll, Send, SendTo, Recv
+/// and RecvFrom wait, on a blocking socket, and are cancellation points on any; time-outs are measured on the monotonic
+/// clock. The handler of a signal ends Select and Poll with Intr; the others, too, unless it was installed with
+/// SA_RESTART and they have no time-out of their own. SIGPIPE is never raised.
 ///
 /// Descriptors are closed in programs that this process starts. To hand one to a child on purpose, clear the flag of
 /// the descriptor just before: `fcntl(socket->GetSocketDescriptor(), F_SETFD, 0)`.
 class KEL_API ISocketService : public virtual IServiceObject {
 public:
+    /// Any other value is refused.
     enum class SocketType : int {
-        Stream = 1,
-        Datagram = 2,
+        Stream = 1,    ///< TCP, or a local stream
+        Datagram = 2,  ///< UDP, or local datagrams
     };
 
+    /// Any other value is refused, 2 as well.
     enum class SocketDomain : int {
-        Ipv4 = 1,
-        Local = 3,
+        Ipv4 = 1,   ///< addresses and ports
+        Local = 3,  ///< names on this machine
     };
 
+    /// Any value but `NonBlocking` is as `Blocking`.
     enum class SocketBlockingMode : int {
-        Blocking = 1,
-        NonBlocking = 2,
+        Blocking = 1,     ///< operations wait
+        NonBlocking = 2,  ///< they fail with WouldBlock instead, and an IPv4 Connect with InProgress
     };
 
     /// The value that an option takes stands beside it.
@@ -52,56 +58,57 @@ public:
         SendTimeout = 2048,          ///< timeval; 0 waits without limit
     };
 
+    /// Which direction is shut down.
     enum class ShutdownMode : int {
-        Receive = 0,
-        Send = 1,
-        Both = 2,
+        Receive = 0,  ///< nothing more is received
+        Send = 1,     ///< the peer sees the end of the stream
+        Both = 2,     ///< both
     };
 
     /// What Select waits for. Any other value is as `TimeoutOnly`.
     enum class SelectMode : int {
-        Readable = 0,
-        Writable = 1,
-        TimeoutOnly = 2,
-        Connected = 3,   ///< a connection that is being made is there: as Writable
-        Acceptable = 4,  ///< a connection can be accepted: as Readable
+        Readable = 0,     ///< something can be received, or the peer has closed
+        Writable = 1,     ///< something can be sent
+        TimeoutOnly = 2,  ///< nothing: waits until the time runs out
+        Connected = 3,    ///< a connection that is being made is there: as Writable
+        Acceptable = 4,   ///< a connection can be accepted: as Readable
     };
 
-    /// What Poll waits for.
+    /// What Poll waits for. Any other value fails with Inval.
     enum class PollMode : int {
-        Readable = 1,
-        Writable = 2,
+        Readable = 1,    ///< something can be received, or the peer has closed
+        Writable = 2,    ///< something can be sent
         Connected = 3,   ///< as Writable
         Acceptable = 4,  ///< as Readable
     };
 
     /// The numbers are those of Windows Sockets.
     enum class SocketError : int {
-        Unclassified = -1,
-        Success = 0,
-        Intr = 10004,
-        Inval = 10022,
-        WouldBlock = 10035,
-        InProgress = 10036,
-        Already = 10037,
-        NotSock = 10038,  ///< the socket is closed
-        DestAddrReq = 10039,
-        MsgSize = 10040,
-        NoProtoOpt = 10042,
-        OpNotSupp = 10045,
-        AfNoSupport = 10047,
-        AddrInUse = 10048,
-        AddrNotAvail = 10049,
-        ConnAborted = 10053,
-        ConnReset = 10054,  ///< also: the peer has closed the connection
-        NoBufs = 10055,
-        IsConn = 10056,
-        NotConn = 10057,   ///< also: the peer takes no more (EPIPE)
-        Shutdown = 10058,  ///< also: shut down by this side
-        TimedOut = 10060,
-        ConnRefused = 10061,
-        HostDown = 10064,
-        HostUnreach = 10065,
+        Unclassified = -1,        ///< any other error
+        Success = 0,              ///< no error
+        Intr = 10004,             ///< EINTR: the handler of a signal has interrupted it
+        Inval = 10022,            ///< EINVAL; also a port or a Poll mode that does not exist
+        WouldBlock = 10035,       ///< EAGAIN: it would have to wait, or the time of an option ran out
+        InProgress = 10036,       ///< EINPROGRESS: the connection is being made
+        Already = 10037,          ///< EALREADY: a connection is being made already
+        NotSock = 10038,          ///< Select or Poll of a closed socket; its other operations give Unclassified
+        DestAddrReq = 10039,      ///< EDESTADDRREQ
+        MsgSize = 10040,          ///< EMSGSIZE: the datagram is too long
+        NoProtoOpt = 10042,       ///< ENOPROTOOPT
+        OpNotSupp = 10045,        ///< EOPNOTSUPP
+        AfNoSupport = 10047,      ///< EAFNOSUPPORT
+        AddrInUse = 10048,        ///< EADDRINUSE
+        AddrNotAvail = 10049,     ///< EADDRNOTAVAIL
+        ConnAborted = 10053,      ///< ECONNABORTED
+        ConnReset = 10054,        ///< ECONNRESET; also: the peer has closed the connection
+        NoBufs = 10055,           ///< ENOBUFS
+        IsConn = 10056,           ///< EISCONN
+        NotConn = 10057,          ///< ENOTCONN; also: the peer takes no more (EPIPE)
+        Shutdown = 10058,         ///< ESHUTDOWN; also: shut down by this side
+        TimedOut = 10060,         ///< ETIMEDOUT; also: the time of a Poll ran out
+        ConnRefused = 10061,      ///< ECONNREFUSED
+        HostDown = 10064,         ///< EHOSTDOWN
+        HostUnreach = 10065,      ///< EHOSTUNREACH
         VerNotSupported = 10092,  ///< Poll saw a set of events that it does not know
     };
 
@@ -114,7 +121,7 @@ public:
     virtual int Bind(const BasicString& name) = 0;
 
     /// Waits for a connection and returns its socket, which the caller owns, with address and port of the peer
-    /// (accept). Null on failure. The new socket has no domain: it cannot be bound or connected again.
+    /// (accept). Null on failure. The new socket blocks, and has no domain: it cannot be bound or connected again.
     virtual ISocketService* Accept(unsigned int& ipAddress, int& port, SocketError& error) = 0;
 
     /// The same for a local socket; `name` is the path of the peer, empty when it has none or an abstract name.
@@ -173,12 +180,15 @@ public:
     /// Lets operations wait (true) or fail with WouldBlock instead (false).
     virtual int SetOptionBlocking(bool blocking) = 0;
 
+    /// @{
     /// The linger and user time-out options are refused: the result is always -1, and nothing changes.
     virtual int SetOptionLinger(bool enable, unsigned int seconds) = 0;
     virtual int GetOptionLinger(bool& enable, unsigned int& seconds) = 0;
     virtual int SetOptionUserTimeout(unsigned int value) = 0;
     virtual int GetOptionUserTimeout(unsigned int& value) = 0;
+    /// @}
 
+    /// @{
     /// How a connection on which nothing is sent is kept alive: seconds before the first probe, seconds between
     /// probes, number of probes. A getter that succeeds sets `value` to 0, whatever the system's value is; GetSockOpt
     /// reads that.
@@ -188,6 +198,7 @@ public:
     virtual int GetOptionKeepAliveProbeInterval(int& value) = 0;
     virtual int SetOptionKeepAliveProbeCount(int value) = 0;
     virtual int GetOptionKeepAliveProbeCount(int& value) = 0;
+    /// @}
 
     /// Returns the descriptor, -1 when there is none. It stays the socket's own.
     virtual int GetSocketDescriptor() const = 0;

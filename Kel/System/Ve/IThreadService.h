@@ -9,12 +9,13 @@ namespace Kel::System::Ve {
 /// A thread that runs a function with one argument. Its settings are stored until it is started, applied at the start,
 /// and changed in the running thread when set later. What fails throws VeException; a setting that could not be changed
 /// keeps its stored value. Deleting the object waits until the thread has ended. Settings are not guarded against being
-/// set by several threads at once.
+/// set by several threads at once. Only Join is a cancellation point.
 class KEL_API IThreadService : public virtual IServiceObject {
 public:
     /// Starts the thread (pthread_create) and returns once it has named itself and is about to call the function. A
     /// real-time priority needs the right to it; without, this throws, and nothing has been started. May be called
-    /// again: the object then stands for the new thread, and one that still runs is left to itself.
+    /// again: the object then stands for the new thread, and one that still runs is left to itself. Nothing waits for
+    /// its end any more, so what its function uses has to stay.
     virtual void StartThread() = 0;
 
     /// Returns the processors that the thread may run on, bit n for processor n; 0 when none were set.
@@ -26,6 +27,7 @@ public:
     /// Returns the size of the stack in bytes; 0 for the system's default.
     virtual unsigned int GetStackSize() const = 0;
 
+    /// Returns the name, as it was cut.
     virtual const BasicString& GetName() const = 0;
 
     /// Sets the processors 0 to 31 that the thread may run on. 0 sets none at the start, and processors 0 to 9 in a
@@ -44,15 +46,18 @@ public:
     /// Sets the function, for the next start.
     virtual void SetThreadFunction(void* (*function)(void*)) = 0;
 
-    // These change the running thread and not what is stored. They throw VeException when there is no running thread.
-
+    /// @{
+    /// Changes the running thread and not what is stored. Throws VeException also when there is no running thread.
     virtual void ChangeName(const BasicString& name) = 0;
     virtual void ChangePriority(unsigned int priority) = 0;
-    /// 0 stands for processors 0 to 9.
+    /// @}
+
+    /// The same; 0 stands for processors 0 to 9.
     virtual void ChangeCpuAffinity(unsigned int mask) = 0;
 
-    /// Waits until the thread has ended (pthread_join). Throws VeException when there is none, or it has been joined. A
-    /// cancellation point.
+    /// Waits until the thread has ended (pthread_join). Throws VeException when there is none, when it has been joined,
+    /// and when it is the caller itself. A cancellation point while the thread runs: the thread can be joined again
+    /// then.
     virtual void Join() = 0;
 
     /// Asks the thread to end at its next cancellation point (pthread_cancel), but not before its function is called.

@@ -9,7 +9,9 @@ namespace Kel::System::Ve {
 /// Calls a handler with one argument periodically, on a thread of its own. The deadlines are the start plus whole
 /// periods on the monotonic clock, so the rhythm does not drift. A handler that takes longer than the period is called
 /// again at once until the missed calls are made up. What fails throws VeException; a setting that could not be changed
-/// keeps its stored value. An exception from the handler ends the process. Deleting the object stops the timer.
+/// keeps its stored value. An exception from the handler ends the process. Deleting the object stops the timer. Stop,
+/// and Start after the handler has stopped the timer, wait for the call that is in progress and are cancellation
+/// points.
 class KEL_API ITimerService : public virtual IServiceObject {
 public:
     /// Returns the period in microseconds.
@@ -18,6 +20,7 @@ public:
     /// Returns the real-time priority; 0 for normal scheduling.
     virtual unsigned int GetPriority() const = 0;
 
+    /// Returns the name, as it was cut.
     virtual const BasicString& GetName() const = 0;
 
     /// Returns the processors that the timer's thread may run on, bit n for processor n; 0 when none were set.
@@ -35,11 +38,13 @@ public:
     /// Sets the processors 0 to 31 that the thread may run on. 0 sets none at the start, and fails in a started timer.
     virtual void SetCPUAffinity(unsigned int mask) = 0;
 
-    // These change the timer's thread and not what is stored. They throw VeException when there is none.
-
+    /// @{
+    /// Changes the timer's thread and not what is stored. Throws VeException also when there is none. The processors
+    /// cannot be 0 here.
     virtual void ChangeName(const BasicString& name) = 0;
     virtual void ChangePriority(unsigned int priority) = 0;
     virtual void ChangeCpuAffinity(unsigned int mask) = 0;
+    /// @}
 
     /// Returns how many characters of a name are used: 15.
     virtual unsigned int GetMaxNameLength() const = 0;

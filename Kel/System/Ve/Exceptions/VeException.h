@@ -18,6 +18,7 @@ public:
     explicit VeException(const char* format, const Arguments&... arguments)
         : VeException(FinishedText{FormatMessage(format, {FormatArgument(arguments)...})}) {}
 
+    /// The same, caused by `inner`.
     template <typename... Arguments>
     VeException(std::shared_ptr<Exception> inner, const char* format, const Arguments&... arguments)
         : VeException(FinishedText{FormatMessage(format, {FormatArgument(arguments)...})}, std::move(inner)) {}

@@ -17,11 +17,11 @@ public:
     /// Removes a file or an empty folder (remove). Returns whether it did.
     static bool Delete(const BasicString& path);
 
-    /// Waits until all data of the system is on the disks (sync).
+    /// Waits until all data of the system is on the disks (sync). No cancellation point.
     static void SyncAll();
 
     /// Waits until the data of a file or folder is on the disk (open, fsync). Returns 0, or -1 when the file could not
-    /// be closed after that. Throws VeException on failure.
+    /// be closed after that. Throws VeException on failure. A cancellation point.
     static int Sync(const BasicString& path);
 
     /// Returns the class of an error number: 0 none, 3 the file is missing, 4 it exists, 5 it must not be used, 6 the

@@ -22,7 +22,8 @@ namespace Kel::System::Ve::Internal {
 
 /// Makes all services. Each operation returns a new object that the caller owns and deletes, before the factory is
 /// disposed; deleting it takes it out of the registry. What a service's construction throws is passed on, and then
-/// nothing is left behind. May be called from any thread.
+/// nothing is left behind. All throw VeException when the system refuses, unless said otherwise, and `std::bad_alloc`
+/// without memory. May be called from any thread. None waits, and none is a cancellation point, but for CreateFile.
 /// The order of the virtual operations is part of the binary interface.
 class KEL_API IServiceFactory {
 public:
@@ -37,17 +38,18 @@ public:
     /// Makes a mutex for the threads of this process, free, with priority inheritance.
     virtual IMutexService* CreateMutex(bool recursive) = 0;
 
-    /// Makes an unnamed semaphore for the threads of this process.
+    /// Makes an unnamed semaphore for the threads of this process. The count is 2^31 - 1 at most.
     virtual ISemaphoreService* CreateSemaphore(unsigned int initialCount) = 0;
 
-    /// Makes a named semaphore for all processes. Throws AlreadyExistsException when the name is in use.
+    /// Makes a named semaphore for all processes; names begin with a slash. Throws AlreadyExistsException when the name
+    /// is in use.
     virtual ISemaphoreService* CreateSemaphore(const BasicString& name, unsigned int initialCount) = 0;
 
     /// Opens a named semaphore that exists.
     virtual ISemaphoreService* CreateSemaphore(const BasicString& name) = 0;
 
     /// Makes a timer that will call `handler(argument)`, unless null, every `period` microseconds once it is started.
-    /// `priority` and `cpuAffinity` as in `ITimerService`.
+    /// `priority` and `cpuAffinity` as in `ITimerService`; whether they are permitted shows at the start.
     virtual ITimerService* CreateTimer(unsigned int period, const BasicString& name, unsigned int priority,
                                        void* argument, void (*handler)(void*), unsigned int cpuAffinity) = 0;
 
@@ -57,11 +59,13 @@ public:
     /// The same with an argument.
     virtual IThreadService* CreateThread(void* (*function)(void*), void* argument) = 0;
 
-    /// The same with all settings, as in `IThreadService`.
+    /// The same with all settings, as in `IThreadService`; whether they are permitted shows at the start.
     virtual IThreadService* CreateThread(void* (*function)(void*), void* argument, const BasicString& name,
                                          unsigned int priority, unsigned int cpuAffinity, unsigned int stackSize) = 0;
 
-    /// Creates or opens memory that processes share under a name, and maps `size` bytes of it.
+    /// Creates or opens memory that processes share under a name, which begins with a slash, and maps `size` bytes of
+    /// it. Creating what exists empties it. Opening does not look how large it is: what is used beyond its end raises
+    /// SIGBUS. Throws `Kel::Exception`.
     virtual ISharedMemoryService* CreateSharedMemory(const BasicString& name, unsigned int size,
                                                      ISharedMemoryService::mode mode) = 0;
 
@@ -76,21 +80,24 @@ public:
     /// Makes a blocking local datagram socket that connects to socket files.
     virtual ISocketService* CreateNonAbstractIpcSocket() = 0;
 
-    /// Opens a file. `syncOnClose` has its Close wait until the data is on the disk.
+    /// Opens a file, see `IFileService`, also for what it throws. `syncOnClose` has its Close wait until the data is on
+    /// the disk. Waits for the storage. A cancellation point.
     virtual IFileService* CreateFile(const BasicString& path, IFileService::FileMode mode,
                                      IFileService::FileAccess access, bool syncOnClose) = 0;
 
     /// Makes a read-write lock for the threads of this process.
     virtual IRWLockService* CreateRWLock() = 0;
 
-    /// Opens a message queue that exists, to send and to receive. A queue that is not blocking never waits.
+    /// Opens a message queue that exists, to send and to receive; names begin with a slash. A queue that is not
+    /// blocking never waits.
     virtual IMessageQueueService* CreateMessageQueue(const BasicString& name, bool blocking) = 0;
 
     /// Opens or creates a message queue. One that is created has the system's default size.
     virtual IMessageQueueService* CreateMessageQueue(const BasicString& name, IMessageQueueService::OpenMode mode,
                                                      IMessageQueueService::Access access, bool blocking) = 0;
 
-    /// The same. One that is created holds `maxMessageCount` messages of up to `maxMessageSize` bytes.
+    /// The same. One that is created holds `maxMessageCount` messages of up to `maxMessageSize` bytes, which the limits
+    /// of the system and of the user allow.
     virtual IMessageQueueService* CreateMessageQueue(const BasicString& name, IMessageQueueService::OpenMode mode,
                                                      IMessageQueueService::Access access, bool blocking,
                                                      long maxMessageCount, long maxMessageSize) = 0;
@@ -104,7 +111,8 @@ public:
     /// Makes what sets up the process's crash handlers.
     virtual ISignalHandlerService* CreateSignalHandler() = 0;
 
-    /// Reads the addresses of a network interface. Returns null when that fails, and then `error` says why.
+    /// Reads the IPv4 and hardware addresses of a network interface. Returns null when that fails, and then `error`
+    /// says why.
     virtual INetworkInterfaceInfo* CreateNetworkInterfaceInfo(const BasicString& interfaceName, BasicString& error) = 0;
 
 protected:

@@ -11,8 +11,9 @@ class KEL_API ServiceManagerStatistics {
 public:
     virtual ~ServiceManagerStatistics();
 
+    /// Counts one more.
     void IncrementNumOfObjects() { ++numOfObjects; }
-    /// Wraps below zero.
+    /// Counts one less; wraps below zero.
     void DecrementNumOfObjects() { --numOfObjects; }
 
     /// The number of service objects alive now, not of those ever created.

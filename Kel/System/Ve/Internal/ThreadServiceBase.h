@@ -22,6 +22,7 @@ public:
     /// Lets the calling thread be cancelled anywhere (true) or at cancellation points only (false, the default).
     static void SetAsynchronousCancelability(bool asynchronous);
 
+    /// Returns how many characters of a name are used: 15.
     static unsigned int GetMaxThreadNameLength() { return 15; }
 
     unsigned int GetCpuAffinity() const final { return cpuAffinity; }
@@ -35,6 +36,7 @@ public:
     void SetThreadFunction(void* (*function)(void*)) final { threadFunction = function; }
 
 protected:
+    /// Keeps what is to be run.
     ThreadServiceBase(void* (*function)(void*), void* functionArgument)
         : threadFunction(function), argument(functionArgument) {}
 
@@ -45,9 +47,11 @@ private:
     unsigned int cpuAffinity = 0;
 
 protected:
+    /// What the next start runs.
     void* (*threadFunction)(void*);
+    /// What it is given.
     void* argument;
-    // Set by the first thread that is started, just before the start returns; never cleared.
+    /// Set by the first thread that is started, just before the start returns; never cleared.
     std::atomic<bool> isStarted{false};
 };
 

@@ -10,6 +10,7 @@ namespace Kel::System::Ve::Internal::Linux {
 /// last to end unlocks it. Whether the system could lock it is not told. Different ranges must not share pages.
 class KEL_API LockedMemorySegment {
 public:
+    /// Locks the pages of `bytes` bytes from `start` on; none when that is null.
     LockedMemorySegment(void* start, std::uint32_t bytes);
     ~LockedMemorySegment();
 
@@ -24,6 +25,7 @@ public:
 
     /// Null when there is no range.
     void* GetAddress() const { return address; }
+    /// In bytes.
     std::uint32_t GetLength() const { return length; }
 
 private:

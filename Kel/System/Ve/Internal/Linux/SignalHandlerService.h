@@ -13,6 +13,7 @@ class KEL_API SignalHandlerService final : public SignalHandlerServiceBase {
 public:
     SignalHandlerService();
 
+    /// As in `ISignalHandlerService`.
     void Setup(void (*throwExceptionCallback)(), void (*terminateCallback)(const BasicString&)) override;
 
     /// The handler that `Setup` installs: gives the report to `pTerminateCallback`.
@@ -30,8 +31,11 @@ public:
     /// Calls `pThrowExceptionCallback` unless it is null.
     static void ThrowException();
 
+    /// @{
+    /// The process's callbacks, as `Setup` has set them; null when there are none.
     static void (*pThrowExceptionCallback)();
     static void (*pTerminateCallback)(const BasicString&);
+    /// @}
 
     /// The number of the last signal that `ThrowHandler` has caught on this thread. Part of each thread from its
     /// start: nothing is allocated when it is first used.

@@ -21,18 +21,22 @@ public:
     ~TimerService() override;
 
     /// Asks the kernel for the lowest wake-up latency of the processors, until the process ends. Each call keeps one
-    /// file descriptor open for that. Throws VeException when /dev/cpu_dma_latency cannot be opened or written.
+    /// file descriptor open for that. Throws VeException when /dev/cpu_dma_latency cannot be opened or written. A
+    /// cancellation point.
     static void SetLatencyTarget();
 
     /// The start routine of the timer's thread.
     static void* TimerThreadRun(void* launch);
 
+    /// @{
+    /// As in `ITimerService`.
     void ChangeName(const BasicString& newName) override;
     void ChangePriority(unsigned int newPriority) override;
     void ChangeCpuAffinity(unsigned int mask) override;
     unsigned int GetMaxNameLength() const override { return 15; }
     void Start() override;
     void Stop() override;
+    /// @}
 
 private:
     struct Launch;
