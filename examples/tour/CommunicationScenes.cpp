@@ -1,5 +1,6 @@
 #include "Scenes.h"
 
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/IMessageQueueService.h>
 #include <Kel/System/Ve/ISocketService.h>
@@ -11,12 +12,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 
 using Kel::System::Ve::IMessageQueueService;
 using Kel::System::Ve::ISocketService;
-using Kel::System::Ve::IThreadService;
+using Kel::System::Ve::Adapters::Own;
+using Kel::System::Ve::Adapters::Owned;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 using SocketType = ISocketService::SocketType;
@@ -61,7 +62,7 @@ void* Echo(void* socket) {
 void ShowTcp(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Stream sockets: an echo over TCP");
     const auto make = [&factory] {
-        return std::unique_ptr<ISocketService>(
+        return Owned<ISocketService>(
             factory.CreateSocket(SocketType::Stream, SocketDomain::Ipv4, BlockingMode::Blocking));
     };
     const auto listener = make();
@@ -77,12 +78,12 @@ void ShowTcp(Narrator& narrator, ServiceFactory& factory) {
     narrator.Check(client->Connect(Loopback(), port) == 0, "a client connects");
     unsigned int peerAddress = 0;
     int peerPort = 0;
-    const std::unique_ptr<ISocketService> server(listener->Accept(peerAddress, peerPort, error));
+    const auto server = Own(listener->Accept(peerAddress, peerPort, error));
     if (!server) {
         narrator.Check(false, "it is accepted");
         return;
     }
-    const std::unique_ptr<IThreadService> echo(factory.CreateThread(&Echo, server.get()));
+    const auto echo = Own(factory.CreateThread(&Echo, server.get()));
     echo->StartThread();
     narrator.Check(Send(*client, "Is anybody there?") && Receive(*client) == "Is anybody there?",
                    "what it sends comes back");
@@ -96,7 +97,7 @@ void ShowTcp(Narrator& narrator, ServiceFactory& factory) {
 void ShowUdp(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Datagram sockets: a question and an answer over UDP");
     int ports[] = {0, 0};
-    std::unique_ptr<ISocketService> sockets[2];
+    Owned<ISocketService> sockets[2];
     for (int i = 0; i < 2; ++i) {
         sockets[i].reset(factory.CreateSocket(SocketType::Datagram, SocketDomain::Ipv4, BlockingMode::Blocking));
         sockets[i]->Bind(Loopback(), ports[i]);
@@ -116,13 +117,11 @@ void ShowUdp(Narrator& narrator, ServiceFactory& factory) {
 void ShowLocalSocket(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Local sockets: two processes and a name that is no file");
     const Kel::BasicString name = "kel-tour-" + std::to_string(getpid());
-    const std::unique_ptr<ISocketService> listener(
-        factory.CreateSocket(SocketType::Stream, SocketDomain::Local, BlockingMode::Blocking));
+    const auto listener = Own(factory.CreateSocket(SocketType::Stream, SocketDomain::Local, BlockingMode::Blocking));
     narrator.Check(listener->Bind(name) == 0 && listener->Listen(1) == 0, "a process listens as " + name);
     const pid_t child = fork();
     if (child == 0) {
-        const std::unique_ptr<ISocketService> client(
-            factory.CreateSocket(SocketType::Stream, SocketDomain::Local, BlockingMode::Blocking));
+        const auto client = Own(factory.CreateSocket(SocketType::Stream, SocketDomain::Local, BlockingMode::Blocking));
         const bool succeeded =
             client->Connect(name) == 0 && Send(*client, std::to_string(getpid())) && Receive(*client) == "welcome";
         _exit(succeeded ? 0 : 1);
@@ -130,7 +129,7 @@ void ShowLocalSocket(Narrator& narrator, ServiceFactory& factory) {
     SocketError error{};
     Kel::BasicString peer;
     const bool connects = child > 0 && listener->Poll(PollMode::Acceptable, patience, error) == 1;
-    const std::unique_ptr<ISocketService> server(connects ? listener->Accept(peer, error) : nullptr);
+    const Owned<ISocketService> server(connects ? listener->Accept(peer, error) : nullptr);
     narrator.Check(server && Receive(*server) == std::to_string(child),
                    "process " + std::to_string(child) + " connects and says who it is");
     int status = -1;
@@ -142,12 +141,12 @@ void ShowMessageQueue(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Message queues: what is urgent comes first");
     constexpr unsigned int size = 32;
     const Kel::BasicString name = "/kel-tour-" + std::to_string(getpid());
-    const std::unique_ptr<IMessageQueueService> queue(factory.CreateMessageQueue(
-        name, IMessageQueueService::OpenMode::CreateNew, IMessageQueueService::Access::ReadWrite, true, 3, size));
+    const auto queue = Own(factory.CreateMessageQueue(name, IMessageQueueService::OpenMode::CreateNew,
+                                                      IMessageQueueService::Access::ReadWrite, true, 3, size));
     const pid_t child = fork();
     if (child == 0) {
         // The child knows the name and nothing else.
-        const std::unique_ptr<IMessageQueueService> opened(factory.CreateMessageQueue(name, true));
+        const auto opened = Own(factory.CreateMessageQueue(name, true));
         opened->Send("tidy up", 7, 1, 0);
         opened->Send("emergency stop", 14, 9, 0);
         opened->Send("log", 3, 0, 0);

@@ -1,6 +1,7 @@
 #include "Scenes.h"
 
 #include <Kel/Core/Exception.h>
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/ISignalHandlerService.h>
 #include <Kel/System/Ve/ITraceControllerService.h>
 #include <Kel/System/Ve/Internal/Linux/SignalHandlerService.h>
@@ -11,13 +12,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
-using Kel::System::Ve::ISignalHandlerService;
-using Kel::System::Ve::ITraceControllerService;
+using Kel::System::Ve::Adapters::Own;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::SignalHandlerService;
 
@@ -48,7 +47,7 @@ void ShowCrashReport(Narrator& narrator, ServiceFactory& factory) {
     if (child == 0) {
         alarm(60);
         reportChannel = channel[1];
-        std::unique_ptr<ISignalHandlerService>(factory.CreateSignalHandler())->Setup(nullptr, &WriteReportAndEnd);
+        Own(factory.CreateSignalHandler())->Setup(nullptr, &WriteReportAndEnd);
         WriteTo(nullptr);
         _exit(0);
     }
@@ -93,7 +92,7 @@ void ShowCrashAsException(Narrator& narrator) {
 
 void ShowTraceController(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Tracer sessions: what the session daemon knows");
-    const std::unique_ptr<ITraceControllerService> controller(factory.CreateTraceController());
+    const auto controller = Own(factory.CreateTraceController());
     if (!controller->IsSessionDaemonAlive()) {
         std::string message;
         try {

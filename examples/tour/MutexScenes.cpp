@@ -1,6 +1,7 @@
 #include "Scenes.h"
 #include "ThreadFacts.h"
 
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/IMutexService.h>
 #include <Kel/System/Ve/IThreadService.h>
@@ -11,26 +12,25 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
 #include <new>
 #include <string>
 #include <thread>
 
 using Kel::System::Ve::IMutexService;
-using Kel::System::Ve::IThreadService;
+using Kel::System::Ve::Adapters::Own;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::IpcMutexService;
 
 void ShowMutexes(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Mutexes: one thread at a time");
-    const std::unique_ptr<IMutexService> recursive(factory.CreateMutex(true));
+    const auto recursive = Own(factory.CreateMutex(true));
     recursive->Lock();
     narrator.Check(recursive->TryLock(), "the holder of a recursive mutex may lock it again");
     recursive->Unlock();
     recursive->Unlock();
 
-    const std::unique_ptr<IMutexService> mutex(factory.CreateMutex(false));
+    const auto mutex = Own(factory.CreateMutex(false));
     mutex->Lock();
     std::thread([&] {
         narrator.Check(!mutex->TryLock(), "TryLock by another thread says no at once: the mutex is held");
@@ -50,12 +50,12 @@ void ShowMutexes(Narrator& narrator, ServiceFactory& factory) {
 
 void ShowPriorityInheritance(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Priority inheritance: who holds a mutex is as urgent as who waits for it");
-    const std::unique_ptr<IMutexService> mutex(factory.CreateMutex(false));
+    const auto mutex = Own(factory.CreateMutex(false));
     const int before = ThreadFacts(gettid()).currentPriority;
     mutex->Lock();
     narrator.Say("A normal thread holds a mutex; the kernel runs it with priority " + std::to_string(before) + ".");
 
-    const std::unique_ptr<IThreadService> realTimeThread(factory.CreateThread(
+    const auto realTimeThread = Own(factory.CreateThread(
         [](void* argument) -> void* {
             static_cast<IMutexService*>(argument)->Lock();
             static_cast<IMutexService*>(argument)->Unlock();

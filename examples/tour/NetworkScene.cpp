@@ -1,5 +1,6 @@
 #include "Scenes.h"
 
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/INetworkInterfaceInfo.h>
 
 #include <net/if.h>
@@ -7,7 +8,7 @@
 #include <memory>
 #include <string>
 
-using Kel::System::Ve::INetworkInterfaceInfo;
+using Kel::System::Ve::Adapters::Own;
 using Kel::System::Ve::Internal::ServiceFactory;
 
 void ShowNetworkInterfaces(Narrator& narrator, ServiceFactory& factory) {
@@ -16,7 +17,7 @@ void ShowNetworkInterfaces(Narrator& narrator, ServiceFactory& factory) {
     bool hasLoopback = false;
     for (const auto* entry = all.get(); entry != nullptr && entry->if_name != nullptr; ++entry) {
         Kel::BasicString error;
-        const std::unique_ptr<INetworkInterfaceInfo> info(factory.CreateNetworkInterfaceInfo(entry->if_name, error));
+        const auto info = Own(factory.CreateNetworkInterfaceInfo(entry->if_name, error));
         if (info) {
             narrator.Say(info->GetName() + ": address " + info->GetIpAddress() + ", mask " + info->GetSubnetMask() +
                          ", hardware address " + info->GetMacAddress());
@@ -27,6 +28,6 @@ void ShowNetworkInterfaces(Narrator& narrator, ServiceFactory& factory) {
     }
     narrator.Check(hasLoopback, "one of them is the loopback interface");
     Kel::BasicString error;
-    const std::unique_ptr<INetworkInterfaceInfo> none(factory.CreateNetworkInterfaceInfo("kel-none", error));
+    const auto none = Own(factory.CreateNetworkInterfaceInfo("kel-none", error));
     narrator.Check(!none && !error.empty(), "of one that does not exist it is said: " + error);
 }

@@ -1,5 +1,6 @@
 #include "Scenes.h"
 
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/IProcessService.h>
 #include <Kel/System/Ve/ISharedLibraryService.h>
 #include <Kel/System/Ve/Internal/ProcessServiceBase.h>
@@ -10,11 +11,9 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <memory>
 #include <string>
 
-using Kel::System::Ve::IProcessService;
-using Kel::System::Ve::ISharedLibraryService;
+using Kel::System::Ve::Adapters::Own;
 using Kel::System::Ve::Internal::ProcessServiceBase;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::SharedLibraryServiceBase;
@@ -41,7 +40,7 @@ std::string LockedMemory() {
 
 void ShowProcesses(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Processes: started, watched, ended");
-    const std::unique_ptr<IProcessService> process(factory.CreateProcess());
+    const auto process = Own(factory.CreateProcess());
     narrator.Check(process->HasExited(), "before the start there is nothing that runs");
     process->Start("/", "/bin/sleep", "1000");
     narrator.Check(!process->HasExited(), "sleep 1000 runs");
@@ -58,7 +57,7 @@ void ShowProcesses(Narrator& narrator, ServiceFactory& factory) {
     narrator.Check(exitCode == 1, "in a directory that does not exist it ends with exit code 1");
 
     process->StartDaemon("/", "/bin/sleep", "1000");
-    const std::unique_ptr<IProcessService> other(factory.CreateProcess());
+    const auto other = Own(factory.CreateProcess());
     narrator.Say("A daemon runs in a session of its own, where no terminal's hang-up reaches it.");
     narrator.Check(!process->HasExited() && other->HasExited(), "other objects know nothing of it");
     process->Kill();
@@ -68,7 +67,7 @@ void ShowProcesses(Narrator& narrator, ServiceFactory& factory) {
 void ShowSharedLibrary(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Shared libraries: loaded, and kept in memory");
     narrator.Say("This library is " + SharedLibraryServiceBase::GetPathOfVeLibrary());
-    const std::unique_ptr<ISharedLibraryService> library(factory.CreateSharedLibrary());
+    const auto library = Own(factory.CreateSharedLibrary());
     const Kel::BasicString program = ProcessServiceBase::GetCurrentName();
     const std::string before = LockedMemory();
     library->Load(program.substr(0, program.rfind('/')) + "/libtour-plugin.so");

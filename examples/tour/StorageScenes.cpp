@@ -1,5 +1,6 @@
 #include "Scenes.h"
 
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Exceptions/AlreadyExistsException.h>
 #include <Kel/System/Ve/IFileService.h>
 #include <Kel/System/Ve/ISharedMemoryService.h>
@@ -10,11 +11,11 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 
 using Kel::System::Ve::IFileService;
 using Kel::System::Ve::ISharedMemoryService;
+using Kel::System::Ve::Adapters::Own;
 using Kel::System::Ve::Exceptions::AlreadyExistsException;
 using Kel::System::Ve::Internal::FileServiceBase;
 using Kel::System::Ve::Internal::ServiceFactory;
@@ -23,15 +24,13 @@ void ShowSharedMemory(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Shared memory: the same bytes in two processes");
     constexpr unsigned int size = 4096;
     const Kel::BasicString name = "/kel-tour-" + std::to_string(getpid());
-    const std::unique_ptr<ISharedMemoryService> memory(
-        factory.CreateSharedMemory(name, size, ISharedMemoryService::mode::Create));
+    const auto memory = Own(factory.CreateSharedMemory(name, size, ISharedMemoryService::mode::Create));
     auto* const text = static_cast<char*>(memory->GetAddress());
     const auto write = [](char* place, const std::string& what) { place[what.copy(place, size - 1)] = '\0'; };
     write(text, "written by the parent");
     const pid_t child = fork();
     if (child == 0) {
-        const std::unique_ptr<ISharedMemoryService> opened(
-            factory.CreateSharedMemory(name, size, ISharedMemoryService::mode::Open));
+        const auto opened = Own(factory.CreateSharedMemory(name, size, ISharedMemoryService::mode::Open));
         auto* const seen = static_cast<char*>(opened->GetAddress());
         const bool isThere = seen != text && std::strcmp(seen, "written by the parent") == 0;
         write(seen, "changed by the child");
@@ -53,14 +52,13 @@ void ShowFile(Narrator& narrator, ServiceFactory& factory) {
     const std::string text = "These bytes survive a power failure.";
     const auto count = static_cast<unsigned int>(text.size());
     {
-        const std::unique_ptr<IFileService> file(
-            factory.CreateFile(path, FileMode::CreateNew, FileAccess::Write, true));
+        const auto file = Own(factory.CreateFile(path, FileMode::CreateNew, FileAccess::Write, true));
         const unsigned int written = file->Write(reinterpret_cast<const unsigned char*>(text.data()), 0, count);
         narrator.Check(written == count && file->Close() == 0,
                        std::to_string(written) + " bytes are written to " + path + " and synchronised with the disk");
     }
     {
-        const std::unique_ptr<IFileService> file(factory.CreateFile(path, FileMode::Open, FileAccess::Read, false));
+        const auto file = Own(factory.CreateFile(path, FileMode::Open, FileAccess::Read, false));
         std::string read(count, ' ');
         file->Seek(6, IFileService::SeekOrigin::Begin);
         read.resize(file->Read(reinterpret_cast<unsigned char*>(read.data()), 0, count));

@@ -1,5 +1,9 @@
 #include "Scenes.h"
 
+#include <Kel/System/Ve/Adapters/Lockable.h>
+#include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/SharedLockable.h>
+#include <Kel/System/Ve/Adapters/Wait.h>
 #include <Kel/System/Ve/ICondVariableService.h>
 #include <Kel/System/Ve/IMutexService.h>
 #include <Kel/System/Ve/IRWLockService.h>
@@ -11,85 +15,82 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
+#include <mutex>
 #include <queue>
+#include <shared_mutex>
 #include <string>
 
 using Kel::System::Ve::ICondVariableService;
 using Kel::System::Ve::IMutexService;
 using Kel::System::Ve::IRWLockService;
 using Kel::System::Ve::ISemaphoreService;
-using Kel::System::Ve::IThreadService;
+using Kel::System::Ve::Adapters::Lockable;
+using Kel::System::Ve::Adapters::Own;
+using Kel::System::Ve::Adapters::Owned;
+using Kel::System::Ve::Adapters::SharedLockable;
+using Kel::System::Ve::Adapters::Wait;
+using Kel::System::Ve::Adapters::WaitFor;
 using Kel::System::Ve::Internal::ServiceFactory;
 
 void ShowConditionVariable(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Condition variables: waiting until something is so");
     constexpr int last = 1000;
     struct Shared {
-        const std::unique_ptr<IMutexService> mutex;
-        const std::unique_ptr<ICondVariableService> changed;
-        std::queue<int> queue;
+        const Owned<IMutexService> mutex;
+        const Owned<ICondVariableService> changed;
+        Lockable lockable{*mutex};
+        std::queue<int> queue{};
         int sum = 0;
-    } shared{std::unique_ptr<IMutexService>(factory.CreateMutex(false)),
-             std::unique_ptr<ICondVariableService>(factory.CreateConditionVariable()),
-             {}};
+    } shared{Own(factory.CreateMutex(false)), Own(factory.CreateConditionVariable())};
 
-    const std::unique_ptr<IThreadService> consumer(factory.CreateThread(
+    const auto consumer = Own(factory.CreateThread(
         [](void* argument) -> void* {
             auto& work = *static_cast<Shared*>(argument);
-            work.mutex->Lock();
+            std::unique_lock lock(work.lockable);
             for (int item = 0; item != last;) {
-                while (work.queue.empty()) {
-                    work.changed->Wait(*work.mutex);
-                }
+                Wait(*work.changed, lock, [&] { return !work.queue.empty(); });
                 item = work.queue.front();
                 work.queue.pop();
                 work.sum += item;
             }
-            work.mutex->Unlock();
             return nullptr;
         },
         &shared));
     narrator.Say("One thread puts the numbers 1 to 1000 into a queue, another waits for them and adds them up.");
     consumer->StartThread();
     for (int item = 1; item <= last; ++item) {
-        shared.mutex->Lock();
+        const std::lock_guard guard(shared.lockable);
         shared.queue.push(item);
         shared.changed->NotifyOne();
-        shared.mutex->Unlock();
     }
     consumer->Join();
     narrator.Check(shared.sum == last * (last + 1) / 2,
                    "all of them have arrived: the sum is " + std::to_string(shared.sum));
-    shared.mutex->Lock();
+    std::unique_lock lock(shared.lockable);
+    const std::chrono::milliseconds timeout(20);
     const auto start = std::chrono::steady_clock::now();
-    while (shared.changed->WaitFor(*shared.mutex, 20)) {
-        // Nobody notifies, but any wait may end without reason.
-    }
-    shared.mutex->Unlock();
-    narrator.Check(std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(20),
+    const bool more = WaitFor(*shared.changed, lock, timeout, [&] { return !shared.queue.empty(); });
+    narrator.Check(!more && std::chrono::steady_clock::now() - start >= timeout,
                    "a wait for more gives up after 20 ms");
 }
 
 void ShowReadWriteLock(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Read-write locks: many readers or one writer");
     struct Shared {
-        const std::unique_ptr<IRWLockService> lock;
-        const std::unique_ptr<ISemaphoreService> reading;
-        const std::unique_ptr<ISemaphoreService> readOn;
-    } shared{std::unique_ptr<IRWLockService>(factory.CreateRWLock()),
-             std::unique_ptr<ISemaphoreService>(factory.CreateSemaphore(0)),
-             std::unique_ptr<ISemaphoreService>(factory.CreateSemaphore(0))};
+        const Owned<IRWLockService> lock;
+        const Owned<ISemaphoreService> reading;
+        const Owned<ISemaphoreService> readOn;
+    } shared{Own(factory.CreateRWLock()), Own(factory.CreateSemaphore(0)), Own(factory.CreateSemaphore(0))};
     const auto read = [](void* argument) -> void* {
         auto& common = *static_cast<Shared*>(argument);
-        common.lock->AcquireReadLock();
+        SharedLockable lockable(*common.lock);
+        const std::shared_lock reading(lockable);
         common.reading->Post();
         common.readOn->Wait(0);
-        common.lock->ReleaseReadLock();
         return nullptr;
     };
-    const std::unique_ptr<IThreadService> first(factory.CreateThread(read, &shared));
-    const std::unique_ptr<IThreadService> second(factory.CreateThread(read, &shared));
+    const auto first = Own(factory.CreateThread(read, &shared));
+    const auto second = Own(factory.CreateThread(read, &shared));
     first->StartThread();
     second->StartThread();
     narrator.Check(shared.reading->Wait(60000) && shared.reading->Wait(60000),
@@ -106,13 +107,13 @@ void ShowNamedSemaphore(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Named semaphores: counting across processes");
     const Kel::BasicString name = "/kel-tour-" + std::to_string(getpid());
     const Kel::BasicString answerName = name + "-answer";
-    const std::unique_ptr<ISemaphoreService> question(factory.CreateSemaphore(name, 0));
-    const std::unique_ptr<ISemaphoreService> answer(factory.CreateSemaphore(answerName, 0));
+    const auto question = Own(factory.CreateSemaphore(name, 0));
+    const auto answer = Own(factory.CreateSemaphore(answerName, 0));
     const pid_t child = fork();
     if (child == 0) {
         // The child knows the names and nothing else.
-        const std::unique_ptr<ISemaphoreService> opened(factory.CreateSemaphore(name));
-        const std::unique_ptr<ISemaphoreService> openedAnswer(factory.CreateSemaphore(answerName));
+        const auto opened = Own(factory.CreateSemaphore(name));
+        const auto openedAnswer = Own(factory.CreateSemaphore(answerName));
         for (int i = 0; i < 1000; ++i) {
             opened->Wait(0);
             openedAnswer->Post();

@@ -1,6 +1,7 @@
 #include "Scenes.h"
 #include "ThreadFacts.h"
 
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/ISemaphoreService.h>
 #include <Kel/System/Ve/IThreadService.h>
@@ -8,19 +9,19 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 
 using Kel::System::Ve::ISemaphoreService;
-using Kel::System::Ve::IThreadService;
+using Kel::System::Ve::Adapters::Own;
+using Kel::System::Ve::Adapters::Owned;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 
 namespace {
 
 struct Shared {
-    const std::unique_ptr<ISemaphoreService> started;
-    const std::unique_ptr<ISemaphoreService> end;
+    const Owned<ISemaphoreService> started;
+    const Owned<ISemaphoreService> end;
     pid_t id = 0;
     std::size_t stackSize = 0;
 };
@@ -41,13 +42,11 @@ void* TellAndWait(void* argument) {
 
 void ShowThread(Narrator& narrator, ServiceFactory& factory) {
     narrator.Scene("Threads: with a name, a priority, a processor and a stack");
-    Shared shared{std::unique_ptr<ISemaphoreService>(factory.CreateSemaphore(0)),
-                  std::unique_ptr<ISemaphoreService>(factory.CreateSemaphore(0))};
+    Shared shared{Own(factory.CreateSemaphore(0)), Own(factory.CreateSemaphore(0))};
     const unsigned int processor0 = 1;
     const unsigned int stackSize = 256 * 1024;
     unsigned int priority = 40;
-    std::unique_ptr<IThreadService> thread(
-        factory.CreateThread(&TellAndWait, &shared, "tour-thread", priority, processor0, stackSize));
+    auto thread = Own(factory.CreateThread(&TellAndWait, &shared, "tour-thread", priority, processor0, stackSize));
     try {
         thread->StartThread();
     } catch (const VeException& exception) {

@@ -1,5 +1,6 @@
 #include "Scenes.h"
 
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/ISemaphoreService.h>
 #include <Kel/System/Ve/ITimerService.h>
@@ -9,13 +10,13 @@
 #include <array>
 #include <chrono>
 #include <iomanip>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 using Kel::System::Ve::ISemaphoreService;
-using Kel::System::Ve::ITimerService;
+using Kel::System::Ve::Adapters::Own;
+using Kel::System::Ve::Adapters::Owned;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::TimerService;
@@ -29,7 +30,7 @@ constexpr std::size_t periods = 2000;
 
 struct Record {
     std::vector<Clock::time_point> calls;
-    const std::unique_ptr<ISemaphoreService> full;
+    const Owned<ISemaphoreService> full;
 };
 
 void RecordCall(void* argument) {
@@ -71,10 +72,9 @@ void ShowLateness(Narrator& narrator, const std::vector<Clock::time_point>& call
 }
 
 void RunTimer(Narrator& narrator, ServiceFactory& factory, unsigned int priority) {
-    Record record{{}, std::unique_ptr<ISemaphoreService>(factory.CreateSemaphore(0))};
+    Record record{{}, Own(factory.CreateSemaphore(0))};
     record.calls.reserve(periods);
-    const std::unique_ptr<ITimerService> timer(
-        factory.CreateTimer(periodInMicroseconds, "tour-timer", priority, &record, &RecordCall, 0));
+    const auto timer = Own(factory.CreateTimer(periodInMicroseconds, "tour-timer", priority, &record, &RecordCall, 0));
     timer->Start();
     const bool full = record.full->Wait(60000);
     timer->Stop();
