@@ -1,4 +1,4 @@
-#include "Families.h"
+#include "Failures.h"
 
 #include <Kel/Core/FormatMessage.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 
 using Kel::System::Ve::Exceptions::VeException;
@@ -44,6 +45,8 @@ void ThrowVeException() { throw VeException("{0}: failed: {1}", "Operation", "re
 
 void ThrowPlainError() { throw PlainError{PlainTrace()}; }
 
+}  // namespace
+
 [[gnu::noinline]] void ThrowAtDepth(int depth, void (*volatile throwNow)()) {
     if (depth > 0) {
         ThrowAtDepth(depth - 1, throwNow);
@@ -54,34 +57,22 @@ void ThrowPlainError() { throw PlainError{PlainTrace()}; }
     benchmark::ClobberMemory();
 }
 
-}  // namespace
-
-void RegisterFailures(ServiceFactory& /*factory*/) {
-    for (const int depth : {10, 40}) {
-        const std::string work = "exception/throw and catch " + std::to_string(depth) + " deep/";
-        Register(work + "library", [depth] {
-            try {
-                ThrowAtDepth(depth, &ThrowVeException);
-            } catch (const VeException& exception) {
-                benchmark::DoNotOptimize(&exception);
-            }
-        });
-        Register(work + "bare", [depth] {
-            try {
-                ThrowAtDepth(depth, &ThrowPlainError);
-            } catch (const PlainError& error) {
-                benchmark::DoNotOptimize(&error);
-            }
-        });
-    }
+void RegisterFailures() {
+    RegisterThrow<VeException>("library", &ThrowVeException);
+    RegisterThrow<PlainError>("bare", &ThrowPlainError);
     Register("message/compose/library", [] {
-        benchmark::DoNotOptimize(Kel::FormatMessage(
-            "{0}: Could not open {1} ({2})",
-            {Kel::FormatArgument("Operation"), Kel::FormatArgument("/a/path"), Kel::FormatArgument(13)}));
+        benchmark::DoNotOptimize(
+            Kel::FormatMessage("{0}: Could not open {1} ({2})",
+                               {Kel::FormatArgument(place), Kel::FormatArgument(path), Kel::FormatArgument(number)}));
     });
     Register("message/compose/bare", [] {
         char text[100];
-        const int length = std::snprintf(text, sizeof text, "%s: Could not open %s (%d)", "Operation", "/a/path", 13);
+        const int length = std::snprintf(text, sizeof text, "%s: Could not open %s (%d)", place, path, number);
         benchmark::DoNotOptimize(std::string(text, static_cast<std::size_t>(length)));
+    });
+    Register("message/compose/std", [] {
+        std::ostringstream text;
+        text << place << ": Could not open " << path << " (" << number << ")";
+        benchmark::DoNotOptimize(text.str());
     });
 }
