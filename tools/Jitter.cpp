@@ -1,0 +1,102 @@
+// Shows how late the library's timer calls its handler on this machine.
+
+#include "Machine.h"
+#include "Program.h"
+#include "Recording.h"
+#include "Report.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+using Kel::System::Ve::Internal::ServiceFactory;
+
+namespace {
+
+const char usage[] =
+    "usage: ve-jitter [OPTION]...\n"
+    "\n"
+    "Runs a periodic timer and tells how late it calls. Ctrl-C ends it early.\n"
+    "\n"
+    "  --period US     period in microseconds (1000)\n"
+    "  --priority N    real-time priority, 1 to 99; 0 for normal scheduling (0)\n"
+    "  --processor N   the processor that it runs on, counted from 0 (any)\n"
+    "  --seconds N     how long (10); at most 10 million periods\n"
+    "  --json          writes JSON instead of text\n"
+    "  --csv FILE      writes the lateness of each call\n"
+    "  --svg FILE      draws the histogram\n"
+    "  --help          writes this\n"
+    "\n"
+    "Exit code: 0 when it has run, 1 when it could not, 2 for a wrong command line.\n";
+
+constexpr std::size_t mostPeriods = 10000000;
+
+/// A file that is opened before the run and written after it; none when it has no name.
+class Output {
+public:
+    Output(const char* option, const std::string& fileName) : name(fileName) {
+        if (!name.empty()) {
+            errno = 0;
+            file.open(name);
+            if (!file) {
+                const int reason = errno;
+                // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread asks for such a text.
+                throw UsageError(std::string(option) + " cannot write '" + name + "': " + std::strerror(reason));
+            }
+        }
+    }
+
+    template <class Writer>
+    void Write(Writer writer) {
+        if (!name.empty()) {
+            writer(file);
+            file.close();
+            if (!file) {
+                throw std::runtime_error("'" + name + "' could not be written");
+            }
+        }
+    }
+
+private:
+    std::string name;
+    std::ofstream file;
+};
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+    Settings settings;
+    const unsigned int processors = ProcessorCount();
+    unsigned int processor = processors;  // any
+    bool json = false;
+    std::string csvName;
+    std::string svgName;
+    Options options("ve-jitter", usage);
+    options.AddNumber("period", settings.periodUs, 1, 60000000);
+    options.AddNumber("priority", settings.priority, 0, 99);
+    options.AddNumber("processor", processor, 0, processors - 1);
+    options.AddNumber("seconds", settings.seconds, 1, 1000000);
+    options.AddFlag("json", json);
+    options.AddText("csv", csvName);
+    options.AddText("svg", svgName);
+    return Run(options, argumentCount, arguments, [&](ServiceFactory& factory) {
+        const std::size_t periods = settings.Periods();
+        if (periods == 0 || periods > mostPeriods) {
+            throw UsageError("--seconds " + std::to_string(settings.seconds) + " has " + std::to_string(periods) +
+                             " periods: from 1 to " + std::to_string(mostPeriods) + " are possible");
+        }
+        settings.processors = processor != processors ? 1U << processor : 0;
+        Output csv("--csv", csvName);
+        Output svg("--svg", svgName);
+        const std::vector<double> lateness = Record(factory, settings);
+        if (lateness.empty()) {
+            throw std::runtime_error("it was ended before the first period was over");
+        }
+        const Statistics statistics(lateness, settings.periodUs);
+        (json ? WriteJson : WriteText)(std::cout, settings, statistics);
+        csv.Write([&](std::ostream& out) { WriteCsv(out, lateness); });
+        svg.Write([&](std::ostream& out) { WritePicture(out, settings, statistics); });
+        return 0;
+    });
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <Kel/System/Ve/Internal/ServiceFactory.h>
+
+#include <cstddef>
+#include <vector>
+
+/// What a run is made with.
+struct Settings {
+    unsigned int periodUs = 1000;
+    /// 0 for normal scheduling.
+    unsigned int priority = 0;
+    /// Bit n for processor n; 0 for all.
+    unsigned int processors = 0;
+    unsigned int seconds = 10;
+
+    std::size_t Periods() const;
+};
+
+/// Runs the library's timer, telling its progress on standard error, until the time is over or SIGINT or SIGTERM comes.
+/// Returns how late each call but the first came, in microseconds. The first follows the start without a wait: the
+/// deadlines are counted from it. Throws VeException when the timer cannot be started.
+std::vector<double> Record(Kel::System::Ve::Internal::ServiceFactory& factory, const Settings& settings);

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "Recording.h"
+#include "Statistics.h"
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+/// A number with one digit behind the point.
+std::string Tenths(double number);
+
+/// The settings in words, such as "period 1000 us, priority 80, processor 1".
+std::string Describe(const Settings& settings);
+
+/// How many calls there were, and missed periods.
+std::string CountsIn(const Statistics& statistics);
+
+void WriteText(std::ostream& out, const Settings& settings, const Statistics& statistics);
+void WriteJson(std::ostream& out, const Settings& settings, const Statistics& statistics);
+/// A line for each call, in their order.
+void WriteCsv(std::ostream& out, const std::vector<double>& lateness);
+/// SVG, for light and dark grounds.
+void WritePicture(std::ostream& out, const Settings& settings, const Statistics& statistics);
