@@ -5,12 +5,30 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
 packages_to_build=(g++ cmake ninja-build pkg-config libboost-filesystem-dev libfmt-dev liblttng-ctl-dev libgtest-dev)
-# Programs that the sockets and the trace controller are tested against.
-packages_to_test=(socat lttng-tools)
+# Programs that the sockets and the trace controller are tested against, what reads the output of the tools, and a second
+# compiler for the headers.
+packages_to_test=(socat lttng-tools python3 clang)
 packages_to_bench=(libbenchmark-dev python3)
+# What the benchmarks compare with; they run without it, too.
+packages_to_compare=(libboost-all-dev libpoco-dev rt-tests)
+packages_to_fuzz=(clang libclang-rt-dev)
 packages_for_arm=(g++-arm-linux-gnueabihf qemu-user mmdebstrap)
+packages_to_package=(dpkg-dev file)
+# Where the packages are tried.
+packages_to_try=(qemu-user-static)
 packages_for_arm_boot=(qemu-system-arm cpio)
+packages_for_docs=(doxygen)
 packages_to_check=(clang clang-format clang-tidy git)
+
+# without_spreading COMMAND...: the sanitizers of gcc 12 do not find their place in memory on kernels that spread
+# addresses widely.
+without_spreading() {
+    if setarch -R true 2>/dev/null; then
+        setarch -R "$@"
+    else
+        "$@"
+    fi
+}
 
 step() {
     printf '\n==> %s\n' "$*"
@@ -54,4 +72,19 @@ need_packages() {
         fail "not all of these packages could be installed: ${missing[*]}" \
             "Check that the sources in /etc/apt name the distribution's main archive and that it can be reached, then run:" \
             "apt-get update && apt-get install --no-install-recommends ${missing[*]}"
+}
+
+this_suite() {
+    (. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
+}
+
+# Prints the address of the distribution's main archive, whichever apt uses here.
+main_archive() {
+    local suite archive
+    suite=$(this_suite)
+    archive=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' |
+        awk -v suite="$suite" '$2 == suite && $3 == "main" { print $1; exit }')
+    [ -n "$archive" ] || fail "apt knows no source for the main archive of '$suite'." \
+        "Add one to /etc/apt/sources.list and run the script again."
+    printf '%s' "$archive"
 }

@@ -106,11 +106,10 @@ TEST(ExceptionTest, ClonesPlainly) {
 }
 
 TEST(ExceptionTest, HasATypeCodeForEachType) {
-    EXPECT_EQ(VeException("").GetTypeCode(), 256);
-    EXPECT_EQ(NotExistException("").GetTypeCode(), 257);
-    EXPECT_EQ(AlreadyExistsException("").GetTypeCode(), 258);
-    EXPECT_EQ(InvalidPathException("").GetTypeCode(), 259);
-    EXPECT_EQ(AccessDeniedException("").GetTypeCode(), 260);
+    const std::vector codes{VeException("").GetTypeCode(), NotExistException("").GetTypeCode(),
+                            AlreadyExistsException("").GetTypeCode(), InvalidPathException("").GetTypeCode(),
+                            AccessDeniedException("").GetTypeCode()};
+    EXPECT_EQ(codes, (std::vector{256, 257, 258, 259, 260}));
 }
 
 TEST(VeExceptionTest, FormatsWithStackTraceAndInnerException) {

@@ -1,3 +1,4 @@
+#include "support/OwnSettings.h"
 #include "support/TemporaryFolder.h"
 #include "support/Test.h"
 
@@ -5,9 +6,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-
-#include <fstream>
-#include <iterator>
 
 namespace {
 
@@ -17,20 +15,19 @@ protected:
 
     std::unique_ptr<IProcessService> Make() { return std::unique_ptr<IProcessService>(factory->CreateProcess()); }
 
-    /// A program of the shell's; what it writes is in `Output`.
-    BasicString Program(const std::string& name, const std::string& text) const {
-        BasicString path = folder / name;
-        std::ofstream(path) << "#!/bin/sh\nexec >" << folder / "output"
-                            << "\n"
-                            << text << "\n";
+    /// A file that may be run.
+    BasicString Executable(const std::string& name, const std::string& text) const {
+        BasicString path = folder.Write(name, text);
         chmod(path.c_str(), 0755);
         return path;
     }
 
-    std::string Output() const {
-        std::ifstream file(folder / "output");
-        return {std::istreambuf_iterator<char>(file), {}};
+    /// A program of the shell's; what it writes is in `Output`.
+    BasicString Program(const std::string& name, const std::string& text) const {
+        return Executable(name, "#!/bin/sh\nexec >" + folder / "output" + "\n" + text + "\n");
     }
+
+    std::string Output() const { return folder.Read("output"); }
 
     /// Runs a program to its end.
     int ExitCodeOf(const BasicString& program, const BasicString& parameters = "", const BasicString& directory = "") {
@@ -44,8 +41,6 @@ protected:
         EXPECT_EQ(mkfifo((folder / fifo).c_str(), 0600), 0);
         return Program("waiting-" + fifo, "read line <" + folder / fifo + "\n" + atTheEnd);
     }
-
-    void EndWaiting(const std::string& fifo) const { std::ofstream(folder / fifo) << "go on\n"; }
 
     /// Waits for the end of some child, and leaves it to be waited for.
     static siginfo_t EndedChild() {
@@ -62,18 +57,14 @@ bool Signals(const std::function<void()>& operation) { return FailingCall::Happe
 
 TEST_F(ProcessTest, ArgumentsAreSplitAtBlanksTabsAndLineFeeds) {
     const BasicString program = Program("arguments", "echo \"$0\"; for a; do printf '[%s]' \"$a\"; done");
-    const struct {
-        BasicString parameters;
-        std::string seen;
-    } table[] = {{"", ""},
-                 {"  -a\t-b\n-c ", "[-a][-b][-c]"},
-                 {" \t\n", ""},
-                 {"\"a b\" 'c' d\\ e", "[\"a][b\"]['c'][d\\][e]"},
-                 {"a\rb\vc", "[a\rb\vc]"},
-                 {std::string("a\0b", 3), "[a][b]"}};
-    for (const auto& row : table) {
-        EXPECT_EQ(ExitCodeOf(program, row.parameters), 0);
-        EXPECT_EQ(Output(), program + "\n" + row.seen);
+    for (const auto& [parameters, seen] : {std::pair<BasicString, std::string>("", ""),
+                                           {"  -a\t-b\n-c ", "[-a][-b][-c]"},
+                                           {" \t\n", ""},
+                                           {"\"a b\" 'c' d\\ e", "[\"a][b\"]['c'][d\\][e]"},
+                                           {"a\rb\vc", "[a\rb\vc]"},
+                                           {std::string("a\0b", 3), "[a][b]"}}) {
+        EXPECT_EQ(ExitCodeOf(program, parameters), 0);
+        EXPECT_EQ(Output(), program + "\n" + seen);
     }
     const BasicString count = Program("count", "echo $#");
     for (const int arguments : {1021, 1022, 1023, 1024, 1500}) {
@@ -90,9 +81,8 @@ TEST_F(ProcessTest, ExitCodeIsThatOfTheProgram) {
     EXPECT_EQ(ExitCodeOf(Program("three", "exit 3")), 3);
     EXPECT_EQ(ExitCodeOf(Program("killed", "kill -9 $$")), 0);
     EXPECT_EQ(ExitCodeOf(Program("no-directory", ""), "", folder / "none"), 1);
-    const BasicString noProgram = folder / "no-program";
-    std::ofstream(noProgram) << "";
-    EXPECT_EQ(ExitCodeOf(noProgram), 1);
+    EXPECT_EQ(ExitCodeOf(Executable("for-the-shell", "exit $1\n"), "4"), 4);
+    EXPECT_EQ(ExitCodeOf(folder.Write("no-program", "")), 1);
     EXPECT_EQ(ExitCodeOf(Program("where", "pwd"), "", "/"), 0);
     EXPECT_EQ(Output(), "/\n");
     {
@@ -104,25 +94,45 @@ TEST_F(ProcessTest, ExitCodeIsThatOfTheProgram) {
     EXPECT_GT(waitpid(EndedChild().si_pid, nullptr, 0), 0);
 }
 
+// It starts in this process's memory.
+TEST_F(ProcessTest, StartLeavesSignalsAndThreadsAsTheyAre) {
+    static std::atomic<int> handled{0};
+    EXPECT_TRUE(SucceedsInChild([this] {
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGUSR2);
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        EXPECT_NE(signal(SIGUSR1, SIG_IGN), SIG_ERR);
+        // Not by the shell, which unblocks all.
+        EXPECT_EQ(ExitCodeOf("/bin/grep", "-q SigBlk:.0*800$ /proc/self/status"), 0);
+        EXPECT_EQ(ExitCodeOf("/bin/grep", "-q SigIgn:.*[2367abef]..$ /proc/self/status"), 0);
+        EXPECT_NE(signal(SIGUSR1, [](int) { ++handled; }), SIG_ERR);
+        std::atomic<bool> isOver{false};
+        std::thread other([&] { WaitUntil([&] { return isOver.load(); }); });
+        EXPECT_EQ(ExitCodeOf("/bin/true"), 0);
+        EXPECT_EQ(raise(SIGUSR1), 0);
+        EXPECT_EQ(handled, 1);
+        sigset_t after;
+        pthread_sigmask(SIG_SETMASK, nullptr, &after);
+        EXPECT_TRUE(sigismember(&after, SIGUSR2) == 1 && sigismember(&after, SIGTERM) == 0);
+        std::thread([] {}).join();
+        isOver = true;
+        other.join();
+    }));
+}
+
 TEST_F(ProcessTest, RelativePathsStartInTheWorkingDirectory) {
-    Child child([this] {
+    EXPECT_TRUE(SucceedsInChild([this] {
+        const std::string notFound = "EnsureExecutableExists: Could not find executable ";
         EXPECT_EQ(chdir((folder / "").c_str()), 0);
         Program("tool", "pwd");
         EXPECT_EQ(ExitCodeOf("./tool", "", "/"), 0);
         EXPECT_EQ(Output(), "/\n");
-        EXPECT_TRUE(
-            Throws<VeException>([this] { ExitCodeOf("bin/none"); },
-                                "EnsureExecutableExists: Could not find executable " + folder / "bin/none" + "."));
         // PATH is not searched.
-        EXPECT_TRUE(Throws<VeException>([this] { ExitCodeOf("sh"); },
-                                        "EnsureExecutableExists: Could not find executable " + folder / "sh" + "."));
+        EXPECT_TRUE(Throws([this] { ExitCodeOf("sh"); }, notFound + folder / "sh" + "."));
         EXPECT_EQ(mkdir("gone", 0700) + chdir("gone") + rmdir((folder / "gone").c_str()), 0);
-        // Not what PATH has by that name.
-        EXPECT_TRUE(
-            Throws<VeException>([this] { ExitCodeOf("sh"); }, "EnsureExecutableExists: Could not find executable sh."));
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(child.Wait(), 0);
+        EXPECT_TRUE(Throws([this] { ExitCodeOf("sh"); }, notFound + "sh."));
+    }));
     EXPECT_TRUE(ProcessService::IsPathRelative("a/b") && ProcessService::IsPathRelative(""));
     EXPECT_FALSE(ProcessService::IsPathRelative("/a"));
 }
@@ -135,21 +145,20 @@ TEST_F(ProcessTest, PollingTellsTheEndOfItsOwnChildOnly) {
     first->Start("", program, "");
     second->Start("", WaitingProgram("second", "exit 7"), "");
     EXPECT_FALSE(first->HasExited());
-    EXPECT_TRUE(Throws<VeException>([&] { first->Start("", program, ""); }, alreadyStarted));
+    EXPECT_TRUE(Throws([&] { first->Start("", program, ""); }, alreadyStarted));
 
-    EndWaiting("second");
+    folder.Write("second", "go on\n");
     EndedChild();
     EXPECT_FALSE(first->HasExited());
-    EXPECT_TRUE(Make()->HasExited());
     EXPECT_TRUE(second->HasExited());
     EXPECT_TRUE(second->HasExited());
     // Its number is not its own any more.
     EXPECT_FALSE(Signals([&] { second->Kill(); }));
 
-    EndWaiting("first");
+    folder.Write("first", "go on\n");
     EndedChild();
     // The one that finds it ended well does not say so yet.
-    EXPECT_TRUE(Throws<VeException>([&] { first->StartDaemon("", program, ""); }, alreadyStarted));
+    EXPECT_TRUE(Throws([&] { first->StartDaemon("", program, ""); }, alreadyStarted));
     EXPECT_TRUE(first->HasExited());
     first->Start("", Program("again", ""), "");
     EndedChild();
@@ -184,32 +193,29 @@ TEST_F(ProcessTest, KillEndsWhatIgnoresSignals) {
 }
 
 TEST_F(ProcessTest, WithoutAChildNobodyIsTouched) {
-    Child child([this] {
+    EXPECT_TRUE(SucceedsInChild([this] {
         // Signalled by mistake, only this group would be.
         setpgid(0, 0);
         const auto sibling = Make();
         sibling->Start("", Program("three", "exit 3"), "");
         EndedChild();
-        const auto never = Make();
-        never->Kill();
-        EXPECT_TRUE(never->HasExited());
+        const auto process = Make();
+        process->Kill();
+        EXPECT_TRUE(process->HasExited());
 
         const BasicString program = Program("other", "");
         // Limits do not hold for root.
         BecomeOrdinaryUser();
         const rlimit none{0, 0};
         setrlimit(RLIMIT_NPROC, &none);
-        const auto failed = Make();
         int exitCode = 99;
-        failed->StartBlocking("", program, "", exitCode);
+        process->StartBlocking("", program, "", exitCode);
         EXPECT_EQ(exitCode, 99);
-        EXPECT_TRUE(failed->HasExited());
-        EXPECT_FALSE(Signals([&] { failed->Kill(); }));
+        EXPECT_TRUE(process->HasExited());
+        EXPECT_FALSE(Signals([&] { process->Kill(); }));
         EXPECT_EQ(EndedChild().si_status, 3);
         EXPECT_TRUE(sibling->HasExited());
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(child.Wait(), 0);
+    }));
 }
 
 TEST_F(ProcessTest, DaemonHasASessionOfItsOwn) {
@@ -225,27 +231,20 @@ TEST_F(ProcessTest, DaemonHasASessionOfItsOwn) {
 }
 
 TEST_F(ProcessTest, CurrentProcessIsSetUpAndKnowsItsName) {
-    Child child([] {
+    EXPECT_TRUE(SucceedsInChild([] {
+        const std::string before = OwnSettings();
+        const std::string ownName = before.substr(0, before.find(','));
         const sched_param highest{99};
         sched_setscheduler(0, SCHED_FIFO, &highest);
-        cpu_set_t before;
-        cpu_set_t after;
-        sched_getaffinity(0, sizeof before, &before);
         for (const int cpu : {0, -1, 1025, 1024}) {
             ProcessServiceBase::SetupCurrentProcess(cpu);
-            sched_getaffinity(0, sizeof after, &after);
-            EXPECT_TRUE(CPU_EQUAL(&before, &after)) << cpu;
+            EXPECT_EQ(OwnSettings(), before) << cpu;
         }
-        EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
         for (const int cpu : {2, 1}) {
             ProcessServiceBase::SetupCurrentProcess(cpu);
-            sched_getaffinity(0, sizeof after, &after);
-            EXPECT_EQ(CPU_COUNT(&after), 1);
-            EXPECT_TRUE(CPU_ISSET(cpu - 1, &after));
+            EXPECT_EQ(OwnSettings(), ownName + ", normal 0, 1 from " + std::to_string(cpu - 1));
         }
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(child.Wait(), 0);
+    }));
     const std::string name = ProcessServiceBase::GetCurrentName();
     EXPECT_EQ(name.substr(name.rfind('/')), "/ve-tests");
     EXPECT_TRUE(FileServiceBase::Exists(name));

@@ -39,7 +39,7 @@ Child::Child(const std::function<int()>& function) : processId(fork()) {
         } catch (const std::exception& exception) {
             std::cerr << "child: " << exception.what() << std::endl;
         }
-        _exit(exitCode);
+        KEL_TESTS_END_CHILD(exitCode);
     }
 }
 
@@ -54,4 +54,14 @@ int Child::Wait() {
     int status = 0;
     waitpid(std::exchange(processId, -1), &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+testing::AssertionResult SucceedsInChild(const std::function<void()>& test) {
+    Child child([&] {
+        test();
+        return testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS;
+    });
+    const int exitCode = child.Wait();
+    return (exitCode == EXIT_SUCCESS ? testing::AssertionSuccess() : testing::AssertionFailure())
+           << "the child ended with " << exitCode;
 }

@@ -1,9 +1,17 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <functional>
 #include <string>
+
+// How a child ends: at once, without what its parent would do at its end; unless that writes what the tests cover.
+#ifdef KEL_TESTS_COVER
+#define KEL_TESTS_END_CHILD exit
+#else
+#define KEL_TESTS_END_CHILD _exit
+#endif
 
 /// Gives up the rights of root, if this process has them, for those of an ordinary user, who gets `path`, unless empty.
 void BecomeOrdinaryUser(const std::string& path = "");
@@ -25,3 +33,6 @@ public:
 private:
     pid_t processId;
 };
+
+/// Runs `test` in a child, which succeeds when it comes to its end and no assertion has failed.
+testing::AssertionResult SucceedsInChild(const std::function<void()>& test);

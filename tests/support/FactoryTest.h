@@ -1,6 +1,6 @@
 #pragma once
 
-#include "OpenDescriptors.h"
+#include "OwnCounts.h"
 
 #include <Kel/Core/AppDomain.h>
 #include <Kel/System/Ve/Internal/ServiceFactory.h>

@@ -8,10 +8,12 @@
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <time.h>
 
 #include <algorithm>
@@ -30,7 +32,8 @@ thread_local FailingCall* armedCall = nullptr;
 std::atomic<FailingCall*> armedCallOfAnyThread{nullptr};
 std::atomic<long> wallClockJump{0};
 thread_local std::optional<timespec> stoppedClock;
-thread_local int allocationsLeft = -1;
+thread_local int interceptedCalls = 0;
+std::atomic<long> liveAllocations{0};
 
 std::atomic<bool> recordsDeadlines{false};
 std::atomic<std::size_t> recordedDeadlines{0};
@@ -61,6 +64,48 @@ Function Next(std::atomic<Function>& found, const char* name) {
         found = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
     }
     return found;
+}
+
+// One call as the watcher sees it, if there is one.
+class WatchedCall {
+public:
+    explicit WatchedCall(const char* function, void* argument = nullptr) {
+        CallWatcher* const watcher = CallWatcher::installed;
+        if (interceptedCalls++ == 0 && watcher != nullptr) {
+            verdict = watcher->Judge(function, argument, result);
+            errorNumber = errno;
+        }
+    }
+    ~WatchedCall() { --interceptedCalls; }
+    WatchedCall(const WatchedCall&) = delete;
+    WatchedCall& operator=(const WatchedCall&) = delete;
+
+    bool IsReplaced() const { return verdict == CallWatcher::Verdict::Replaced; }
+
+    /// The result for the caller of a call that came to this.
+    template <typename Result>
+    Result ResultOf(Result real) const {
+        if (verdict == CallWatcher::Verdict::GoesThrough) {
+            return real;
+        }
+        errno = errorNumber;
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): a result to return, whatever its type.
+        return (Result)result;
+    }
+
+private:
+    CallWatcher::Verdict verdict = CallWatcher::Verdict::GoesThrough;
+    std::intptr_t result = 0;
+    int errorNumber = 0;
+};
+
+// A call that does not come back to count down, if it succeeds, in a child that has this thread's memory.
+template <typename Call>
+int PerhapsLast(Call call) {
+    const int calls = std::exchange(interceptedCalls, 0);
+    const int result = call();
+    interceptedCalls = calls;
+    return result;
 }
 
 // A backtrace from `caller` outwards, without the frames of those that intercept it: we, and sanitizers.
@@ -144,6 +189,12 @@ bool FailingCall::Intercepts(const char* functionName, std::intptr_t& callResult
     return true;
 }
 
+std::atomic<CallWatcher*> CallWatcher::installed{nullptr};
+
+void CallWatcher::IgnoreThisThread() { ++interceptedCalls; }
+
+long LiveAllocations() { return liveAllocations; }
+
 StoppedClock::StoppedClock(timespec reading) { stoppedClock = reading; }
 
 StoppedClock::~StoppedClock() { stoppedClock.reset(); }
@@ -166,21 +217,21 @@ std::vector<long long> RecordedDeadlines::Get(std::size_t count) const {
     return {deadlines.begin(), deadlines.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 
-FailingAllocation::FailingAllocation(int skip) { allocationsLeft = skip; }
-
-FailingAllocation::~FailingAllocation() { allocationsLeft = -1; }
-
 // The library is a shared object, so these definitions in the executable come before those of the C library. The label
 // gives them the function's name without clashing with its declaration in the system's headers.
 #define INTERCEPT(Result, function, parameters, ...) INTERCEPT_WITH(nullptr, Result, function, parameters, __VA_ARGS__)
 // The same, with the argument that a reply is to fill in.
-#define INTERCEPT_WITH(argument, Result, function, parameters, ...)                                 \
-    extern "C" Result Intercept_##function parameters __asm__(#function);                           \
-    extern "C" Result Intercept_##function parameters {                                             \
-        static std::atomic<Result(*) parameters> found{nullptr};                                    \
-        const auto next = Next(found, #function);                                                   \
-        std::intptr_t result;                                                                       \
-        return FailingCall::Intercepts(#function, result, argument) ? (Result)result : __VA_ARGS__; \
+#define INTERCEPT_WITH(argument, Result, function, parameters, ...)                  \
+    extern "C" Result Intercept_##function parameters __asm__(#function);            \
+    extern "C" Result Intercept_##function parameters {                              \
+        static std::atomic<Result(*) parameters> found{nullptr};                     \
+        const auto next = Next(found, #function);                                    \
+        std::intptr_t result;                                                        \
+        if (FailingCall::Intercepts(#function, result, argument)) {                  \
+            return (Result)result;                                                   \
+        }                                                                            \
+        const WatchedCall call(#function, argument);                                 \
+        return call.ResultOf<Result>(call.IsReplaced() ? (Result)0 : (__VA_ARGS__)); \
     }
 
 // NOLINTBEGIN(performance-no-int-to-ptr): a result to return, whatever its type.
@@ -243,7 +294,7 @@ INTERCEPT(int, pthread_setname_np, (pthread_t a, const char* b), next(a, b))
 INTERCEPT(int, pthread_setschedparam, (pthread_t a, int b, const sched_param* c), next(a, b, c))
 INTERCEPT(int, pthread_setaffinity_np, (pthread_t a, std::size_t b, const cpu_set_t* c), next(a, b, c))
 INTERCEPT(int, nanosleep, (const timespec* a, timespec* b), next(a, b))
-INTERCEPT(int, open64, (const char* a, int b, mode_t c), next(a, b, c))
+INTERCEPT_WITH((void*)a, int, open64, (const char* a, int b, mode_t c), next(a, b, c))
 INTERCEPT(int, close, (int a), next(a))
 INTERCEPT_WITH(c, int, ioctl, (int a, unsigned long b, void* c), next(a, b, c))
 INTERCEPT(int, socket, (int a, int b, int c), next(a, b, c))
@@ -278,12 +329,46 @@ INTERCEPT(int, lttng_load_session_attr_set_session_name, (lttng_load_session_att
 INTERCEPT(int, lttng_load_session_attr_set_input_url, (lttng_load_session_attr* a, const char* b), next(a, b))
 INTERCEPT(int, lttng_load_session, (lttng_load_session_attr* a), next(a))
 INTERCEPT_WITH(a, int, lttng_list_sessions, (lttng_session** a), next(a))
-INTERCEPT(int, lttng_snapshot_list_output, (const char* a, lttng_snapshot_output_list** b), next(a, b))
+INTERCEPT_WITH(b, int, lttng_snapshot_list_output, (const char* a, lttng_snapshot_output_list** b), next(a, b))
+INTERCEPT(lttng_snapshot_output*, lttng_snapshot_output_list_get_next, (lttng_snapshot_output_list* a), next(a))
 INTERCEPT(int, lttng_snapshot_record, (const char* a, lttng_snapshot_output* b, int c), next(a, b, c))
 INTERCEPT(int, lttng_session_daemon_alive, (), next())
 INTERCEPT(int, lttng_start_tracing, (const char* a), next(a))
 INTERCEPT(int, lttng_stop_tracing, (const char* a), next(a))
 INTERCEPT(int, lttng_destroy_session, (const char* a), next(a))
+INTERCEPT(int, pthread_mutexattr_setrobust, (pthread_mutexattr_t* a, int b), next(a, b))
+INTERCEPT(int, pthread_mutex_consistent, (pthread_mutex_t* a), next(a))
+INTERCEPT(int, pthread_detach, (pthread_t a), next(a))
+INTERCEPT(int, prctl, (int a, unsigned long b, unsigned long c, unsigned long d, unsigned long e), next(a, b, c, d, e))
+INTERCEPT(int, bind, (int a, const sockaddr* b, socklen_t c), next(a, b, c))
+INTERCEPT(int, connect, (int a, const sockaddr* b, socklen_t c), next(a, b, c))
+INTERCEPT(int, listen, (int a, int b), next(a, b))
+INTERCEPT(int, accept4, (int a, sockaddr* b, socklen_t* c, int d), next(a, b, c, d))
+INTERCEPT(ssize_t, send, (int a, const void* b, std::size_t c, int d), next(a, b, c, d))
+INTERCEPT(ssize_t, sendto, (int a, const void* b, std::size_t c, int d, const sockaddr* e, socklen_t f), next(a, b, c, d, e, f))
+INTERCEPT(ssize_t, recvfrom, (int a, void* b, std::size_t c, int d, sockaddr* e, socklen_t* f), next(a, b, c, d, e, f))
+INTERCEPT(int, setsockopt, (int a, int b, int c, const void* d, socklen_t e), next(a, b, c, d, e))
+INTERCEPT(int, getsockopt, (int a, int b, int c, void* d, socklen_t* e), next(a, b, c, d, e))
+INTERCEPT(int, fcntl64, (int a, int b, long c), next(a, b, c))
+INTERCEPT(int, unlink, (const char* a), next(a))
+INTERCEPT(void*, mmap64, (void* a, std::size_t b, int c, int d, int e, off64_t f), next(a, b, c, d, e, f))
+INTERCEPT(std::size_t, fread, (void* a, std::size_t b, std::size_t c, FILE* d), next(a, b, c, d))
+INTERCEPT(std::size_t, fwrite, (const void* a, std::size_t b, std::size_t c, FILE* d), next(a, b, c, d))
+INTERCEPT(int, fflush, (FILE* a), next(a))
+INTERCEPT(int, fclose, (FILE* a), next(a))
+INTERCEPT(int, remove, (const char* a), next(a))
+INTERCEPT(pid_t, setsid, (), next())
+INTERCEPT(int, chdir, (const char* a), next(a))
+INTERCEPT(int, execvp, (const char* a, char* const* b), PerhapsLast([=] { return next(a, b); }))
+INTERCEPT(int, waitid, (idtype_t a, id_t b, siginfo_t* c, int d), next(a, b, c, d))
+INTERCEPT(int, sched_setscheduler, (pid_t a, int b, const sched_param* c), next(a, b, c))
+INTERCEPT(int, sched_setaffinity, (pid_t a, std::size_t b, const cpu_set_t* c), next(a, b, c))
+INTERCEPT(ssize_t, readlink, (const char* a, char* b, std::size_t c), next(a, b, c))
+INTERCEPT(void*, dlopen, (const char* a, int b), next(a, b))
+INTERCEPT(int, dlinfo, (void* a, int b, void* c), next(a, b, c))
+INTERCEPT(int, mlock, (const void* a, std::size_t b), next(a, b))
+INTERCEPT(int, munlock, (const void* a, std::size_t b), next(a, b))
+INTERCEPT(int, sigaction, (int a, const struct sigaction* b, struct sigaction* c), next(a, b, c))
 INTERCEPT(ssize_t, write, (int a, const void* b, std::size_t c), next(a, b, c))
 INTERCEPT(int, backtrace, (void** a, int b), BacktraceFrom(__builtin_return_address(0), next, a, b))
 INTERCEPT(char**, backtrace_symbols, (void* const* a, int b), next(a, b))
@@ -292,13 +377,61 @@ INTERCEPT(char*, __cxa_demangle, (const char* a, char* b, std::size_t* c, int* d
 // clang-format on
 // NOLINTEND(performance-no-int-to-ptr)
 
-// NOLINTNEXTLINE(misc-new-delete-overloads): the memory comes from the next one, so it is freed by the usual one.
+// The child goes on with the stack of vfork's caller, so nobody may stand between the two: whoever judges has left
+// before. Returns the function, null when it is not called.
+extern "C" void* JudgeVfork() {
+    const WatchedCall watched("vfork");
+    static std::atomic<pid_t (*)()> found{nullptr};
+    return watched.IsReplaced() ? nullptr : reinterpret_cast<void*>(Next(found, "vfork"));
+}
+__asm__(R"(
+    .text
+    .globl vfork
+    .type vfork, %function
+)"
+#if defined(__x86_64__)
+        R"(
+vfork:
+    subq $8, %rsp
+    call JudgeVfork@PLT
+    addq $8, %rsp
+    testq %rax, %rax
+    jz 1f
+    jmp *%rax
+1:  movl $-1, %eax
+    ret
+)"
+#elif defined(__arm__)
+        R"(
+    .syntax unified
+    .thumb
+    .thumb_func
+vfork:
+    push {r3, lr}
+    bl JudgeVfork(PLT)
+    pop {r3, lr}
+    cmp r0, #0
+    it ne
+    bxne r0
+    mvn r0, #0
+    bx lr
+)"
+#endif
+        R"(
+    .size vfork, . - vfork
+)");
+
+// NOLINTNEXTLINE(misc-new-delete-overloads): of the other forms, the library's own end here.
 void* operator new(std::size_t size) {
-    if (allocationsLeft >= 0 && allocationsLeft-- == 0) {
+    std::intptr_t result = 0;
+    CallWatcher* const watcher = interceptedCalls == 0 ? CallWatcher::installed.load() : nullptr;
+    if (watcher != nullptr && watcher->Judge("operator new", nullptr, result) != CallWatcher::Verdict::GoesThrough) {
         throw std::bad_alloc();
     }
     static std::atomic<void* (*)(std::size_t)> found{nullptr};
-    return Next(found, sizeof(size) == 8 ? "_Znwm" : "_Znwj")(size);
+    void* const memory = Next(found, sizeof(size) == 8 ? "_Znwm" : "_Znwj")(size);
+    ++liveAllocations;
+    return memory;
 }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
@@ -308,3 +441,13 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
         return nullptr;
     }
 }
+
+void operator delete(void* memory) noexcept {
+    liveAllocations -= memory != nullptr ? 1 : 0;
+    static std::atomic<void (*)(void*)> found{nullptr};
+    Next(found, "_ZdlPv")(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
+
+void operator delete(void* memory, const std::nothrow_t&) noexcept { operator delete(memory); }

@@ -1,17 +1,11 @@
 #pragma once
 
-#include "Throws.h"
-
-#include <Kel/System/Ve/Exceptions/VeException.h>
-
-#include <gtest/gtest.h>
 #include <time.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <vector>
 
 /// While it lives, one call that this thread makes of a C-library function, also from inside the library under test,
@@ -55,6 +49,33 @@ private:
     std::atomic<bool> happened{false};
 };
 
+/// Sees all calls of functions that can be made to fail, made in any thread or child of this process, while it is
+/// installed. Calls that such a function makes itself are not seen.
+class CallWatcher {
+public:
+    enum class Verdict {
+        GoesThrough,
+        /// The function is not called; its result is `result`.
+        Replaced,
+        /// The function is called, but its result is `result`.
+        Contradicted,
+    };
+
+    /// Says what becomes of a call, with errno as it is to be after one that does not go through.
+    virtual Verdict Judge(const char* function, void* argument, std::intptr_t& result) = 0;
+
+    /// Makes all calls of this thread go through unseen.
+    static void IgnoreThisThread();
+
+    static std::atomic<CallWatcher*> installed;
+
+protected:
+    ~CallWatcher() = default;
+};
+
+/// How many blocks of memory made by operator new there are.
+long LiveAllocations();
+
 /// While it lives, both clocks stand still for this thread, as far as clock_gettime tells.
 class StoppedClock {
 public:
@@ -87,42 +108,3 @@ public:
     /// Waits for the first `count` of them.
     std::vector<long long> Get(std::size_t count) const;
 };
-
-/// Fails the `skip`+1st allocation with std::bad_alloc; one that was never made does not fail the test.
-class FailingAllocation {
-public:
-    explicit FailingAllocation(int skip);
-    ~FailingAllocation();
-
-    FailingAllocation(const FailingAllocation&) = delete;
-    FailingAllocation& operator=(const FailingAllocation&) = delete;
-};
-
-/// How a call that fails tells so: by the code that it returns; by -1 or null, and errno; or, as far as the message
-/// goes, by errno although it returns a code.
-enum class Told { ByCode, ByErrno, ByNullAndErrno, ByErrnoBesideCode };
-
-/// One row of a table of failures.
-struct Failure {
-    const char* function;
-    std::function<void()> operation;
-    /// "{}" stands for the text of the error.
-    std::string message;
-};
-
-/// Runs each row: the operation must throw exactly this type with exactly the row's message when its call fails. A code
-/// that is returned is EINVAL (22), errno is EACCES, also when it is not errno that tells.
-template <typename ExceptionType = Kel::System::Ve::Exceptions::VeException>
-void ExpectFailures(Told told, const std::vector<Failure>& table) {
-    const std::intptr_t results[] = {EINVAL, -1, 0, EINVAL};
-    const std::string error = told == Told::ByCode ? "Invalid argument" : "Permission denied";
-    for (const Failure& row : table) {
-        SCOPED_TRACE(row.function);
-        std::string message = row.message;
-        if (const auto place = message.find("{}"); place != std::string::npos) {
-            message.replace(place, 2, error);
-        }
-        const FailingCall call(row.function, results[static_cast<std::size_t>(told)], EACCES);
-        EXPECT_TRUE(Throws<ExceptionType>(row.operation, message));
-    }
-}

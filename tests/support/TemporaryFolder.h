@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <system_error>
 
@@ -21,6 +23,18 @@ public:
 
     /// Returns the path of a file in it.
     std::string operator/(const std::string& name) const { return path + "/" + name; }
+
+    /// Makes a file in it, or one that is there anew, with this content; returns its path.
+    std::string Write(const std::string& name, const std::string& content) const {
+        std::ofstream(*this / name) << content;
+        return *this / name;
+    }
+
+    /// Returns the content of a file in it, empty when there is none.
+    std::string Read(const std::string& name) const {
+        std::ifstream file(*this / name);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
 
 private:
     std::string path = "/tmp/kel-test-XXXXXX";

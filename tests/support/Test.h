@@ -5,7 +5,7 @@
 #include "Child.h"
 #include "FactoryTest.h"
 #include "FailingCall.h"
-#include "OpenDescriptors.h"
+#include "OwnCounts.h"
 #include "Throws.h"
 
 #include <Kel/Core/AppDomain.h>
@@ -68,6 +68,15 @@ using namespace Kel::System::Ve::Internal::Linux;
 /// Why a test is skipped.
 constexpr char needsRealTime[] = "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
 
+inline bool MayHaveRealTimePriority() {
+    bool may = false;
+    std::thread([&] {
+        const sched_param lowest{1};
+        may = pthread_setschedparam(pthread_self(), SCHED_FIFO, &lowest) == 0;
+    }).join();
+    return may;
+}
+
 /// Runs a command of the shell's; true when it ends with status 0.
 inline bool Succeeds(const std::string& command) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): whoever calls it waits for it.
@@ -81,3 +90,19 @@ inline bool IsEmulated() { return getenv("KEL_TESTS_ARE_EMULATED") != nullptr; }
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
+
+/// Whether `operation` takes as long at least.
+template <typename Clock = steady_clock, typename Operation>
+bool Takes(milliseconds atLeast, Operation operation) {
+    const auto start = Clock::now();
+    operation();
+    return Clock::now() - start >= atLeast;
+}
+
+/// Waits for a condition that another thread brings about; one that never comes is ended by the runner's time limit.
+template <typename Condition>
+void WaitUntil(Condition condition) {
+    while (!condition()) {
+        std::this_thread::yield();
+    }
+}

@@ -2,6 +2,7 @@
 
 #include <Kel/Core/Exception.h>
 #include <Kel/Core/RuntimeTypeInfo.h>
+#include <Kel/System/Ve/Exceptions/VeException.h>
 
 #include <gtest/gtest.h>
 
@@ -9,7 +10,7 @@
 #include <typeinfo>
 
 /// Succeeds when `operation` throws an exception of exactly this type with exactly this message.
-template <typename ExceptionType, typename Operation>
+template <typename ExceptionType = Kel::System::Ve::Exceptions::VeException, typename Operation>
 testing::AssertionResult Throws(Operation&& operation, const std::string& message) {
     try {
         operation();
