@@ -1,0 +1,38 @@
+# What `cmake --install` puts where. No installed file depends on the prefix: the tree may be moved.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/KelSystemVe)
+set_target_properties(KelSystemVe PROPERTIES EXPORT_NAME SystemVe)
+install(TARGETS KelSystemVe EXPORT KelSystemVe
+    LIBRARY COMPONENT Runtime NAMELINK_COMPONENT Development
+    FILE_SET HEADERS COMPONENT Development
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}  # for users whose CMake knows no file sets
+)
+install(EXPORT KelSystemVe NAMESPACE Kel:: FILE KelSystemVeTargets.cmake
+    DESTINATION ${packageDir} COMPONENT Development)
+
+file(CONFIGURE OUTPUT KelSystemVeConfig.cmake @ONLY CONTENT [[
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+include("${CMAKE_CURRENT_LIST_DIR}/KelSystemVeTargets.cmake")
+]])
+# The soname is the major version.
+write_basic_package_version_file(KelSystemVeConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/KelSystemVeConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/KelSystemVeConfigVersion.cmake
+    DESTINATION ${packageDir} COMPONENT Development)
+
+file(RELATIVE_PATH prefixFromPkgConfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefixFromPkgConfig ${prefixFromPkgConfig})
+get_target_property(options KelSystemVe INTERFACE_COMPILE_OPTIONS)
+get_target_property(definitions KelSystemVe INTERFACE_COMPILE_DEFINITIONS)
+set(pkgConfigFlags -pthread ${options})
+if(definitions)
+    list(TRANSFORM definitions PREPEND -D)
+    list(APPEND pkgConfigFlags ${definitions})
+endif()
+list(JOIN pkgConfigFlags " " pkgConfigFlags)
+configure_file(cmake/kel-system-ve.pc.in kel-system-ve.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kel-system-ve.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT Development)
