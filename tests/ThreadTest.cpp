@@ -319,6 +319,37 @@ TEST_F(ThreadTest, IsCancelledWhereverItWaits) {
     sleeper->Join();
 }
 
+#ifndef __SANITIZE_THREAD__  // As above.
+TEST_F(ThreadTest, CancellationAnywhereEndsWithTheFunction) {
+    std::unique_ptr<IThreadService> thread;
+    std::unique_ptr<FailingCall> end;
+    std::function<void()> run = [&] {
+        ThreadServiceBase::SetAsynchronousCancelability(true);
+        // When the thread is about to say that it has ended.
+        end = std::make_unique<FailingCall>("pthread_mutex_lock", [&] { thread->Cancel(); });
+    };
+    thread = Make(run);
+    thread->StartThread();
+    thread->Join();
+    // From another thread, when the request is still on its way.
+    std::atomic<bool> ends{false};
+    std::function<void()> wait = [&] {
+        ThreadServiceBase::SetAsynchronousCancelability(true);
+        while (!ends) {
+            std::this_thread::yield();
+        }
+    };
+    for (int i = 0; i < 1000; ++i) {
+        ends = false;
+        thread = Make(wait);
+        thread->StartThread();
+        ends = true;
+        thread->Cancel();
+        thread->Join();
+    }
+}
+#endif
+
 // Asked of the kernel, for a thread that never sleeps would show the same, but stands in the way of the sanitizers' own
 // locks.
 TEST_F(ThreadTest, InheritsThePriorityOfWhoWaitsForItsMutex) {

@@ -52,7 +52,11 @@ public:
     void IsThatOf(std::unique_ptr<Launch> endingLaunch) { launch = std::move(endingLaunch); }
 
     void Happens(bool returned) {
-        const CancellationDisabled disabled;
+        // For good: a thread that permits to be cancelled anywhere would be so in what is left of it, which lets
+        // nothing through, and that would end the process. The type, too: glibc 2.36 lets a cancellation through that
+        // was on its way when it was disabled.
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         State& shared = *launch->state;
         {
             const MutexGuard guard(shared.lock);
