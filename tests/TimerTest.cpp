@@ -237,6 +237,19 @@ TEST_F(TimerTest, StopDoesNotWaitForATimerThatHasBeenStartedAgain) {
     ExpectStarted(*timer);
 }
 
+TEST_F(TimerTest, StartThatComesSecondLeavesTheTimerRunning) {
+    const auto timer = Make(1000, post);
+    {
+        const auto start = [&] { std::thread([&] { timer->Start(); }).join(); };
+        // When this thread is about to look whether the timer runs.
+        const FailingCall between("pthread_mutex_lock", start, 1);
+        ExpectStarted(*timer);
+    }
+    while (called.TryWait()) {
+    }
+    WaitForCalls(2);
+}
+
 TEST_F(TimerTest, StartEndsATimerThatAnotherStartHasLeftRunning) {
     const auto timer = Make(oneHour, post);
     const auto failToStart = [&] {

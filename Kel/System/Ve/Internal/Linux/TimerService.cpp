@@ -13,8 +13,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <utility>
 
 namespace Kel::System::Ve::Internal::Linux {
 
@@ -22,11 +24,10 @@ using Exceptions::VeException;
 
 // What a timer's thread works with: all of it as it was at the start.
 struct TimerService::Launch {
-    TimerService& timer;
-    std::shared_ptr<std::atomic<bool>> isRunning;
-    unsigned int period;
-    void (*handler)(void*);
-    void* argument;
+    const unsigned int period;
+    void (*const handler)(void*);
+    void* const argument;
+    std::atomic<bool> isRunning{true};
 };
 
 namespace {
@@ -50,7 +51,7 @@ TimerService::TimerService(unsigned int microseconds, const BasicString& timerNa
 
 TimerService::~TimerService() {
     const CancellationDisabled disabled;
-    EndThread();
+    EndThread(false);
 }
 
 void TimerService::SetLatencyTarget() {
@@ -69,18 +70,18 @@ void TimerService::SetLatencyTarget() {
 
 void TimerService::Start() {
     // Also when its own handler has stopped it: that call has not ended yet, and no other may begin.
-    RefuseWhenStarted(isStarted || timerThread.IsCurrent());
+    RefuseWhenStarted(timerThread.IsCurrent());
     do {
         // A thread that was stopped by its own handler, or that runs on after a start that failed.
-        EndThread();
+        EndThread(true);
     } while (!StartThread());
 }
 
 bool TimerService::StartThread() {
-    // The new thread takes it first of all: its handler is not called before the start has ended, one way or the other.
+    // The new thread waits for it: its handler is not called before the start has ended, one way or the other.
     const MutexGuard untilTheEndOfTheStart(mutex);
     RefuseWhenStarted(isStarted);
-    if (isRunning && *isRunning) {
+    if (launch && launch->isRunning) {
         return false;
     }
 
@@ -94,12 +95,10 @@ bool TimerService::StartThread() {
     pthread_attr_setschedparam(&attributes, &parameters);
     pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
 
-    auto launch = std::make_unique<Launch>(
-        Launch{*this, std::make_shared<std::atomic<bool>>(true), GetPeriod(), handler, handlerArgument});
-    CheckReturnedCode(timerThread.Create(attributes, &TimerThreadRun, launch.get()),
+    std::shared_ptr<Launch> newLaunch(new Launch{GetPeriod(), handler, handlerArgument});
+    CheckReturnedCode(timerThread.Create(attributes, &TimerThreadRun, this),
                       "{0}: Could not create posix-thread for timer, linux error code: {1}", "Start");
-    isRunning = launch->isRunning;
-    static_cast<void>(launch.release());
+    launch = std::move(newLaunch);
     pthread_attr_destroy(&attributes);
     ChangeName(GetName());
     if (GetCPUAffinity() != 0) {
@@ -113,28 +112,29 @@ void TimerService::Stop() {
     {
         const MutexGuard guard(mutex);
         // Stopped by its own handler, its last call may still be in progress.
-        const bool hasBeenStopped = isRunning && !*isRunning;
+        const bool hasBeenStopped = launch && !launch->isRunning;
         if (!isStarted && !hasBeenStopped) {
             return;
         }
     }
-    const std::shared_ptr<std::atomic<bool>> stopped = EndThread();
+    const std::shared_ptr<Launch> stopped = EndThread(false);
     const MutexGuard guard(mutex);
     // Unless another thread has stopped it, too, and started it again.
-    if (isRunning == stopped) {
+    if (launch == stopped) {
         isStarted = false;
     }
 }
 
-std::shared_ptr<std::atomic<bool>> TimerService::EndThread() {
-    std::shared_ptr<std::atomic<bool>> ended;
+std::shared_ptr<TimerService::Launch> TimerService::EndThread(bool forStart) {
+    std::shared_ptr<Launch> ended;
     unsigned int generation = 0;
     {
         const MutexGuard guard(mutex);
-        ended = isRunning;
+        RefuseWhenStarted(forStart && isStarted);
+        ended = launch;
         generation = timerThread.GetGeneration();
         if (ended) {
-            *ended = false;
+            ended->isRunning = false;
             conditionVariable.NotifyOne();
         }
     }
@@ -145,26 +145,33 @@ std::shared_ptr<std::atomic<bool>> TimerService::EndThread() {
     return ended;
 }
 
-void* TimerService::TimerThreadRun(void* launchArgument) {
-    const std::unique_ptr<Launch> launch(static_cast<Launch*>(launchArgument));
+void* TimerService::TimerThreadRun(void* timer) {
     // A thread of normal priority is otherwise woken up to 50 us late, together with others.
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
-    launch->timer.Run(*launch);
+    static_cast<TimerService*>(timer)->Run();
     return nullptr;
 }
 
-void TimerService::Run(const Launch& launch) {
-    { const MutexGuard untilTheEndOfTheStart(mutex); }
+void TimerService::Run() {
+    std::shared_ptr<Launch> running;
+    {
+        // The start has it until its end.
+        const MutexGuard guard(mutex);
+        running = launch;
+    }
+    if (!running) {
+        return;
+    }
 
-    const std::int64_t nanoseconds = std::int64_t{launch.period} * 1000;
+    const std::int64_t nanoseconds = std::int64_t{running->period} * 1000;
     const timespec step{static_cast<time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
-    while (*launch.isRunning) {
-        if (launch.handler != nullptr) {
-            launch.handler(launch.argument);
+    while (running->isRunning) {
+        if (running->handler != nullptr) {
+            running->handler(running->argument);
             // It may have deleted the timer.
-            if (!*launch.isRunning) {
+            if (!running->isRunning) {
                 return;
             }
         }
@@ -176,7 +183,7 @@ void TimerService::Run(const Launch& launch) {
         }
         const MutexGuard guard(mutex);
         // Looked at under the mutex, so that no stop is missed; and again when woken before the deadline without one.
-        while (*launch.isRunning && conditionVariable.WaitUntilInternal(mutex, deadline)) {
+        while (running->isRunning && conditionVariable.WaitUntilInternal(mutex, deadline)) {
         }
     }
 }

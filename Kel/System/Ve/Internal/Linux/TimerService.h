@@ -7,7 +7,6 @@
 #include <Kel/System/Ve/Internal/Linux/PosixThread.h>
 #include <Kel/System/Ve/Internal/TimerServiceBase.h>
 
-#include <atomic>
 #include <memory>
 
 namespace Kel::System::Ve::Internal::Linux {
@@ -25,8 +24,11 @@ public:
     /// cancellation point.
     static void SetLatencyTarget();
 
-    /// The start routine of the timer's thread.
-    static void* TimerThreadRun(void* launch);
+    /// The start routine of the timer's thread: runs the timer that it is given, and returns null.
+    static void* TimerThreadRun(void* timer);
+
+    /// Calls the handler again and again, until the timer is stopped. Returns at once when it has not been started.
+    void Run();
 
     /// @{
     /// As in `ITimerService`.
@@ -41,18 +43,17 @@ public:
 private:
     struct Launch;
 
-    void Run(const Launch& launch);
-
     /// Returns false, and does nothing, when there is a thread that another start has left running.
     bool StartThread();
 
-    /// Ends the thread started last, if there is one; returns its flag.
-    std::shared_ptr<std::atomic<bool>> EndThread();
+    /// Ends the thread started last, if there is one; returns what it works with. For a start, refuses when another has
+    /// come first.
+    std::shared_ptr<Launch> EndThread(bool forStart);
 
     MutexService mutex;
     ConditionVariableService conditionVariable;
     // Of the thread started last, which may outlive this object when its handler deletes it. Guarded by the mutex.
-    std::shared_ptr<std::atomic<bool>> isRunning;
+    std::shared_ptr<Launch> launch;
     PosixThread timerThread;
 };
 
