@@ -96,7 +96,7 @@ bool Run(ServiceFactory& factory) {
     std::cout << told << ": " << shared.left << " and " << shared.right << "\n";
     const bool wasBroken = shared.left != shared.right;
     {
-        const Guard guard(shared);  // as good as before
+        const Guard guard(shared);  // as good as before, and nobody else is there who could have had it meanwhile
         shared.right = shared.left;
     }
     shared.mutex.Destroy();

@@ -45,6 +45,9 @@ protected:
         return thread;
     }
 
+    template <typename Mutex, typename Condition>
+    static void ExpectHeldAfterWait(Mutex& mutex, Condition& changed);
+
     const BasicString name = UniqueName("killed");
 };
 
@@ -108,28 +111,47 @@ TEST_F(KilledHolderTest, OneOfThoseWhoWaitIsTold) {
     }
 }
 
-TEST_F(KilledHolderTest, WaitForAConditionEndsWithTheMutexHeld) {
-    const std::function<void()> waits[] = {[this] { shared->changed.Wait(shared->mutex); },
-                                           [this] { shared->changed.WaitFor(shared->mutex, 60000); }};
+/// A wait for a condition during which the mutex's holder dies ends with the mutex held, and good.
+template <typename Mutex, typename Condition>
+void KilledPeerTest::ExpectHeldAfterWait(Mutex& mutex, Condition& changed) {
+    const std::function<void()> waits[] = {[&] { changed.Wait(mutex); }, [&] { changed.WaitFor(mutex, 60000); }};
+    const auto lock = [&] {
+        mutex.Lock();
+        if (IsEmulated()) {
+            mutex.Unlock();
+        }
+    };
     for (const auto& wait : waits) {
-        std::thread thread = Sleeping([&, this] {
-            const MutexGuard guard(shared->mutex);
+        std::thread told = Sleeping([&] {
+            const MutexGuard guard(mutex);
             if (IsEmulated()) {
                 wait();
             } else {
                 EXPECT_TRUE(Throws<VeException>(wait, "Owner died"));
             }
-            EXPECT_FALSE(shared->mutex.TryLock());
+            EXPECT_FALSE(mutex.TryLock());
         });
-        KillAfter([this] {
-            shared->mutex.Lock();
-            shared->changed.NotifyAll();
-            if (IsEmulated()) {
-                shared->mutex.Unlock();
-            }
+        KillAfter(lock, [&] { changed.NotifyAll(); });
+        told.join();
+
+        std::thread cancelled = Sleeping([&] {
+            const MutexGuard guard(mutex);
+            wait();
         });
-        thread.join();
+        KillAfter(lock);
+        pthread_cancel(cancelled.native_handle());
+        cancelled.join();
+        EXPECT_TRUE(mutex.TryLock());
+        mutex.Unlock();
     }
+}
+
+TEST_F(KilledHolderTest, WaitForAConditionEndsWithTheMutexHeld) {
+    ExpectHeldAfterWait(shared->mutex, shared->changed);
+    const SharedObject<MutexService> mutex;
+    mutex->Init(false, MutexService::InterProcess);
+    ConditionVariableService changed;
+    ExpectHeldAfterWait(*mutex, changed);
 }
 
 TEST_F(KilledPeerTest, SemaphoreKeepsItsCountAndItsName) {

@@ -43,7 +43,8 @@ TEST_F(MutexTest, IsSharedWithOtherProcessesIfAskedFor) {
         MutexService mutex;
         mutex.Init(false, sharing);
         // What the C library has noted of it.
-        EXPECT_EQ((mutex.GetNativeHandle()->__data.__kind & 128) != 0, sharing == MutexService::InterProcess);
+        EXPECT_EQ((mutex.GetPosixMutex().GetNativeHandle()->__data.__kind & 128) != 0,
+                  sharing == MutexService::InterProcess);
     }
 }
 

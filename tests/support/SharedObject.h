@@ -16,12 +16,16 @@ public:
         }
         object = new (memory) T();
     }
-    ~SharedObject() { munmap(memory, sizeof(T)); }
+    ~SharedObject() {
+        object->~T();
+        munmap(memory, sizeof(T));
+    }
 
     SharedObject(const SharedObject&) = delete;
     SharedObject& operator=(const SharedObject&) = delete;
 
     T* operator->() const { return object; }
+    T& operator*() const { return *object; }
 
 private:
     void* memory;

@@ -13,7 +13,7 @@ namespace Kel::System::Ve::Internal::Linux {
 
 namespace {
 
-pthread_mutex_t* NativeHandle(IMutexService& mutex) { return dynamic_cast<MutexService&>(mutex).GetNativeHandle(); }
+PosixMutex& PosixMutexOf(IMutexService& mutex) { return dynamic_cast<MutexService&>(mutex).GetPosixMutex(); }
 
 }  // namespace
 
@@ -38,7 +38,7 @@ void ConditionVariableService::NotifyOne() { CheckReturnedCode(pthread_cond_sign
 void ConditionVariableService::NotifyAll() { CheckReturnedCode(pthread_cond_broadcast(&condition)); }
 
 void ConditionVariableService::WaitInternal(IMutexService& mutex) {
-    CheckReturnedCode(pthread_cond_wait(&condition, NativeHandle(mutex)));
+    CheckReturnedCode(WaitForCondition(condition, PosixMutexOf(mutex)));
 }
 
 bool ConditionVariableService::WaitForInternal(IMutexService& mutex, unsigned long timeoutMs) {
@@ -56,7 +56,7 @@ bool ConditionVariableService::WaitUntilInternal(IMutexService& mutex, SteadyTim
 }
 
 bool ConditionVariableService::WaitUntilInternal(IMutexService& mutex, timespec& deadline) {
-    const int code = pthread_cond_timedwait(&condition, NativeHandle(mutex), &deadline);
+    const int code = WaitForCondition(condition, PosixMutexOf(mutex), deadline);
     if (code == ETIMEDOUT) {
         return false;
     }

@@ -25,14 +25,12 @@ void IpcCondVarService::NotifyOne() { CheckReturnedCode(pthread_cond_signal(&con
 
 void IpcCondVarService::NotifyAll() { CheckReturnedCode(pthread_cond_broadcast(&condition)); }
 
-void IpcCondVarService::Wait(IpcMutexService& mutex) {
-    CheckReturnedCode(mutex.Recover(pthread_cond_wait(&condition, mutex.GetNativeHandle())));
-}
+void IpcCondVarService::Wait(IpcMutexService& mutex) { CheckReturnedCode(WaitForCondition(condition, mutex)); }
 
 bool IpcCondVarService::WaitFor(IpcMutexService& mutex, unsigned long timeoutMs) {
     timespec deadline;
     TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Monotonic);
-    const int code = mutex.Recover(pthread_cond_timedwait(&condition, mutex.GetNativeHandle(), &deadline));
+    const int code = WaitForCondition(condition, mutex, deadline);
     if (code == ETIMEDOUT) {
         return false;
     }

@@ -33,7 +33,7 @@ public:
     void Unlock() override;
 
     /// For calls that wait with the mutex.
-    pthread_mutex_t* GetNativeHandle() { return mutex.GetNativeHandle(); }
+    PosixMutex& GetPosixMutex() { return mutex; }
 
 private:
     // Zero, the form of a free mutex, until it is initialised.
