@@ -55,6 +55,22 @@ TEST_F(NoFactoryTest, NoServiceObjectCanBeMade) {
     ServiceFactory::DisposeServiceFactory();
 }
 
+// By a handler that comes after the end of whatever was made later than it was registered.
+TEST_F(NoFactoryTest, MayBeDisposedAtTheEndOfTheProcess) {
+    Child child([]() -> int {
+        const auto dispose = [] {
+            const std::string report = OutputOf([] { ServiceFactory::DisposeServiceFactory(); });
+            _exit(report.find(" of type 'Mutex' was not destroyed.") != std::string::npos ? 0 : 1);
+        };
+        std::atexit(dispose);
+        ServiceFactory::CreateServiceFactory();
+        ServiceFactory::GetInstance()->CreateMutex(false);
+        std::ostringstream() << ServiceType::Mutex;
+        std::exit(2);
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
 TEST_F(NoFactoryTest, FactoryIsMadeOnceUntilItIsDisposed) {
     ServiceFactory::CreateServiceFactory();
     ServiceFactory* const factory = ServiceFactory::GetInstance();

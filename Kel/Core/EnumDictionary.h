@@ -8,7 +8,7 @@ namespace Kel {
 template <typename Enum>
 class EnumDictionary : public EnumDictionaryBase<Enum> {
 public:
-    /// Made on first use, destroyed at process exit. Thread-safe.
+    /// Made on first use, never destroyed. Thread-safe.
     static const EnumDictionary& GetInstance();
 
 private:

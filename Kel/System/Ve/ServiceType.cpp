@@ -6,7 +6,8 @@ using System::Ve::ServiceType;
 
 template <>
 const EnumDictionary<ServiceType>& EnumDictionary<ServiceType>::GetInstance() {
-    static const EnumDictionary dictionary(
+    // Never destroyed: whoever disposes the factory at the very end of the process still gets the names.
+    static const auto& dictionary = *new EnumDictionary(
         {
             {ServiceType::Process, "Process"},
             {ServiceType::SharedLibrary, "SharedLibrary"},

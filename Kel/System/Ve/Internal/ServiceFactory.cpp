@@ -2,7 +2,6 @@
 
 #include <Kel/Core/AppDomain.h>
 #include <Kel/Core/CancellationDisabled.h>
-#include <Kel/Core/EnumDictionary.h>
 #include <Kel/Core/Exception.h>
 #include <Kel/Core/RuntimeTypeInfo.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
@@ -74,8 +73,6 @@ void ServiceFactory::DisposeServiceFactory() {
 }
 
 ServiceFactory::ServiceFactory() : version("2024.0.8 LTS", 24, 0, 8, 183, BasicString::Empty) {
-    // Now, so that no later printing of a type has to make it.
-    EnumDictionary<ServiceType>::GetInstance();
     registryMutex = CreateRegistryMutex();
     SocketServiceBase::Startup();
 }
