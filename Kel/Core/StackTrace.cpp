@@ -16,11 +16,13 @@ namespace Kel {
 
 namespace {
 
-// How many times the loader has unloaded something.
-unsigned long long CountUnloadings() {
-    unsigned long long count = 0;
+// How many times the loader has loaded and unloaded something. With namespaces of its own, the latter goes back, too.
+using Loadings = std::pair<unsigned long long, unsigned long long>;
+
+Loadings CountLoadings() {
+    Loadings count;
     const auto read = [](dl_phdr_info* module, std::size_t /*size*/, void* argument) {
-        *static_cast<unsigned long long*>(argument) = module->dlpi_subs;
+        *static_cast<Loadings*>(argument) = {module->dlpi_adds, module->dlpi_subs};
         return 1;
     };
     dl_iterate_phdr(read, &count);
@@ -60,14 +62,14 @@ public:
 private:
     // Something else may have come to the addresses of what was unloaded.
     void ForgetUnloaded() {
-        const unsigned long long count = CountUnloadings();
-        if (std::exchange(unloadings, count) != count) {
+        const Loadings count = CountLoadings();
+        if (std::exchange(loadings, count) != count) {
             lines.clear();
         }
     }
 
     std::atomic_flag isInUse = ATOMIC_FLAG_INIT;
-    unsigned long long unloadings = 0;
+    Loadings loadings;
     std::unordered_map<void*, BasicString> lines;
 };
 
