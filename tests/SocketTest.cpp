@@ -545,6 +545,8 @@ TEST_F(SocketTest, SocketThatCouldNotBeMadeFailsEverything) {
     for (const auto mode : {SelectMode::Readable, SelectMode::Writable, SelectMode::TimeoutOnly}) {
         EXPECT_EQ(Select(*socket, mode, withoutLimit), Result(-1, Error::Unclassified));
     }
+    EXPECT_TRUE(Takes(milliseconds(2),
+                      [&] { EXPECT_EQ(Select(*socket, SelectMode::TimeoutOnly, 2000), Result(0, Error::Success)); }));
     EXPECT_EQ(Poll(*socket, PollMode::Readable, withoutLimit), closed);
     EXPECT_EQ(Poll(*socket, PollMode::Readable, 1), Result(0, Error::TimedOut));
     EXPECT_EQ(socket->Close(), 0);

@@ -354,12 +354,13 @@ int SocketService::Select(SelectMode mode, unsigned int timeoutMicroseconds, Soc
     if (isClosed) {
         return Refuse(SocketError::NotSock, error);
     }
-    if (descriptor == -1) {
-        return Refuse(TranslateError(EBADF), error);
-    }
 
     const bool reads = mode == SelectMode::Readable || mode == SelectMode::Acceptable;
     const bool writes = mode == SelectMode::Writable || mode == SelectMode::Connected;
+    // There is nothing to wait for, but for the time.
+    if (descriptor == -1 && (reads || writes || timeoutMicroseconds == withoutLimit)) {
+        return Refuse(TranslateError(EBADF), error);
+    }
     // An fd_set ends at 1024; the kernel takes a longer one.
     constexpr int bitsPerWord = NFDBITS;
     std::array<fd_mask, FD_SETSIZE / bitsPerWord> few{};
