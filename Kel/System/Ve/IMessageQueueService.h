@@ -9,8 +9,9 @@ namespace Kel::System::Ve {
 /// come first, those of the same priority in the order in which they were sent. The queue and what is in it stay until
 /// it is unlinked, whoever has it open. All operations may be called from any thread; one that Close overtakes may meet
 /// a queue that has got the same descriptor since: threads that use the object are better ended first. Send and Receive
-/// alone may wait, and alone are cancellation points. The handler of a signal, unless it was installed with SA_RESTART, ends a wait
-/// with an exception. What fails throws VeException; once the queue is closed, everything does but Close and Unlink.
+/// alone may wait, and alone are cancellation points. The handler of a signal, unless it was installed with SA_RESTART,
+/// ends a wait with an exception. What fails throws VeException; once the queue is closed, everything does but Close
+/// and Unlink.
 class KEL_API IMessageQueueService : public virtual IServiceObject {
 public:
     /// What is made or opened. Any other value is refused.
