@@ -10,4 +10,16 @@ int Missing();
 static int Missing() { return 41; }
 #endif
 
+// What the program does while the library is loaded, and unloaded; a program without it does nothing.
+extern "C" [[gnu::weak]] void WhileLibraryIsLoaded();
+
+static void Tell() {
+    if (WhileLibraryIsLoaded != nullptr) {
+        WhileLibraryIsLoaded();
+    }
+}
+
+[[gnu::constructor]] static void Loaded() { Tell(); }
+[[gnu::destructor]] static void Unloaded() { Tell(); }
+
 extern "C" int PluginAnswer() { return Missing() + pluginData[0]; }

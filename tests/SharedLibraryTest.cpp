@@ -49,6 +49,8 @@ long LoadedKilobytes(const std::string& name) {
     return search.second;
 }
 
+std::function<void()> whileLibraryIsLoaded;
+
 class SharedLibraryTest : public FactoryTest {
 protected:
     std::unique_ptr<ISharedLibraryService> Make() {
@@ -139,4 +141,40 @@ TEST_F(SharedLibraryTest, FailuresAreReported) {
     EXPECT_THROW(library->Load(PluginPath("broken-plugin")), VeException);
 }
 
+// The loader keeps its lock for as long as the library's own code runs.
+TEST_F(SharedLibraryTest, LoadingAndUnloadingLetThreadsStartAndAreNotCancelled) {
+    std::thread([&] {
+        static std::atomic<int> threads;
+        threads = 0;
+        const auto runThread = [&] {
+            const std::unique_ptr<IThreadService> thread(factory->CreateThread([](void*) -> void* {
+                ++threads;
+                return nullptr;
+            }));
+            thread->StartThread();
+            thread->Join();
+        };
+        // Once before: who intercepts a call for the first time asks the loader for it.
+        runThread();
+        whileLibraryIsLoaded = [&] {
+            runThread();
+            pthread_cancel(pthread_self());
+            pthread_testcancel();
+        };
+        const auto library = Make();
+        library->Load(PluginPath());
+        library->Unload();
+        whileLibraryIsLoaded = nullptr;
+        EXPECT_EQ(threads, 3);
+        pthread_testcancel();
+        ADD_FAILURE() << "the cancellation is lost";
+    }).join();
+}
+
 }  // namespace
+
+extern "C" void WhileLibraryIsLoaded() {
+    if (whileLibraryIsLoaded) {
+        whileLibraryIsLoaded();
+    }
+}

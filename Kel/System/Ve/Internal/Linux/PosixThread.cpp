@@ -39,40 +39,33 @@ struct PosixThread::Launch {
     void* argument;
 };
 
-// The end of a thread. One that is cancelled meets it, too, since it lies in the thread's own storage: unwinding the
-// stack alone is not enough on 32-bit ARM, where it breaks off in some calls of the C library.
-class PosixThread::End {
-public:
-    ~End() {
-        if (launch) {
-            Happens(false);
+void PosixThread::Ends(Launch* launchOfThread, bool returned) {
+    // For good: a thread that permits to be cancelled anywhere would be so in what is left of it, which lets nothing
+    // through, and that would end the process. The type, too: glibc 2.36 lets a cancellation through that was on its
+    // way when it was disabled.
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    const std::unique_ptr<Launch> launch(launchOfThread);
+    State& shared = *launch->state;
+    {
+        const MutexGuard guard(shared.lock);
+        if (shared.generation == launch->generation) {
+            shared.running = false;
+            shared.returned = returned;
         }
     }
+    // Not under the lock, which those who wake up take.
+    pthread_cond_broadcast(&shared.changed);
+}
 
-    void IsThatOf(std::unique_ptr<Launch> endingLaunch) { launch = std::move(endingLaunch); }
-
-    void Happens(bool returned) {
-        // For good: a thread that permits to be cancelled anywhere would be so in what is left of it, which lets
-        // nothing through, and that would end the process. The type, too: glibc 2.36 lets a cancellation through that
-        // was on its way when it was disabled.
-        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        State& shared = *launch->state;
-        {
-            const MutexGuard guard(shared.lock);
-            if (shared.generation == launch->generation) {
-                shared.running = false;
-                shared.returned = returned;
-            }
-        }
-        // Not under the lock, which those who wake up take.
-        pthread_cond_broadcast(&shared.changed);
-        launch.reset();
-    }
-
-private:
-    std::unique_ptr<Launch> launch;
-};
+const PosixThread::EndKey& PosixThread::GetEndKey() {
+    static const EndKey key = [] {
+        EndKey made{};
+        made.error = pthread_key_create(&made.key, [](void* launch) { Ends(static_cast<Launch*>(launch), false); });
+        return made;
+    }();
+    return key;
+}
 
 PosixThread::PosixThread() : state(std::make_shared<State>()) {}
 
@@ -90,8 +83,13 @@ PosixThread::~PosixThread() {
 }
 
 int PosixThread::Create(const pthread_attr_t& attributes, void* (*function)(void*), void* argument) {
+    if (GetEndKey().error != 0) {
+        return GetEndKey().error;
+    }
     auto launch = std::make_unique<Launch>(Launch{state, 0, function, argument});
-    const MutexGuard guard(state->lock);
+    // Kept until the end, also when the thread destroys this object meanwhile.
+    const std::shared_ptr<State> shared = state;
+    const MutexGuard guard(shared->lock);
     launch->generation = state->generation + 1;
     pthread_t created{};
     const int code = pthread_create(&created, &attributes, &Run, launch.get());
@@ -112,11 +110,17 @@ int PosixThread::Create(const pthread_attr_t& attributes, void* (*function)(void
 }
 
 void* PosixThread::Run(void* launchArgument) {
-    thread_local End end;
     auto* const launch = static_cast<Launch*>(launchArgument);
-    end.IsThatOf(std::unique_ptr<Launch>(launch));
+    // One that is cancelled meets its end by this: unwinding the stack alone is not enough on 32-bit ARM, where it
+    // breaks off in some calls of the C library. Not by an object of the thread's, which would have to wait for the
+    // loader while that loads a library.
+    if (pthread_setspecific(GetEndKey().key, launch) != 0) {
+        // Nobody would be told.
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    }
     void* const result = launch->function(launch->argument);
-    end.Happens(true);
+    pthread_setspecific(GetEndKey().key, nullptr);
+    Ends(launch, true);
     return result;
 }
 

@@ -56,9 +56,15 @@ public:
 private:
     struct State;
     struct Launch;
-    class End;
+    // The thread's storage that tells of its end, or why there is none.
+    struct EndKey {
+        int error;
+        pthread_key_t key;
+    };
 
     static void* Run(void* launch);
+    static void Ends(Launch* launchOfThread, bool returned);
+    static const EndKey& GetEndKey();
 
     template <typename Call>
     int WhileRunning(Call call) const;

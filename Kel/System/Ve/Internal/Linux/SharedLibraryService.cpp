@@ -1,5 +1,6 @@
 #include <Kel/System/Ve/Internal/Linux/SharedLibraryService.h>
 
+#include <Kel/Core/CancellationDisabled.h>
 #include <Kel/Core/FinishedText.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 
@@ -57,6 +58,8 @@ SharedLibraryService::SharedLibraryService()
 SharedLibraryService::~SharedLibraryService() { Unload(); }
 
 void SharedLibraryService::Load(const BasicString& path) {
+    // What the library does meanwhile may be a cancellation point, but the loader would keep its lock.
+    const CancellationDisabled disabled;
     BasicString converted = path;
     std::replace(converted.begin(), converted.end(), '\\', '/');
     handle = dlopen(converted.c_str(), RTLD_NOW | RTLD_GLOBAL);
@@ -98,6 +101,7 @@ void SharedLibraryService::LockMemory() {
 void SharedLibraryService::UnlockMemory() { lockedSegments.clear(); }
 
 void SharedLibraryService::Unload() {
+    const CancellationDisabled disabled;
     if (handle == nullptr) {
         return;
     }

@@ -58,7 +58,8 @@ void ThreadService::SetAsynchronousCancelability(bool asynchronous) {
 }
 
 void ThreadService::StartThread() {
-    // The new thread uses this object until it has posted, so this thread must not leave before.
+    // The new thread uses this object until it has posted, so this thread must not leave before. After that, the new
+    // one may delete it.
     const CancellationDisabled disabled;
     semIsStartedPtr.reset(new (std::nothrow) SemaphoreService(0));
     if (!semIsStartedPtr) {
@@ -71,19 +72,21 @@ void ThreadService::StartThread() {
         throw VeException("{0}: {1}, linux error code: {2}", __func__, "Could not initialize thread attribute",
                           ErrorText(code));
     }
-    hasNamedItself = false;
+    const std::shared_ptr<SemaphoreService> posted = semIsStartedPtr;
+    bool named = false;
+    hasNamedItself = &named;
     try {
         const Failure failure = Create(attributes);
         if (failure.code != 0) {
             Fail(failure);
         }
-        WaitForPost();
+        WaitForPost(*posted);
     } catch (...) {
         pthread_attr_destroy(&attributes);
         throw;
     }
     const int destroyCode = pthread_attr_destroy(&attributes);
-    if (!hasNamedItself) {
+    if (!named) {
         // It has ended already; what is left of it goes, too.
         thread.Join();
         Fail({"", destroyCode});
@@ -93,12 +96,12 @@ void ThreadService::StartThread() {
     }
 }
 
-void ThreadService::WaitForPost() {
+void ThreadService::WaitForPost(SemaphoreService& posted) {
     try {
-        semIsStartedPtr->WaitThroughSignals();
+        posted.WaitThroughSignals();
     } catch (...) {
         // Whoever starts anew would take away what the thread still posts to.
-        while (!semIsStartedPtr->Wait(1)) {
+        while (!posted.Wait(1)) {
         }
         throw;
     }
@@ -144,25 +147,24 @@ void ThreadService::Fail(const Failure& failure) {
     throw VeException("{0}: {1}, linux error code: {2}", "StartThread", failure.step, ErrorText(failure.code));
 }
 
-void* ThreadService::RunInternal(void* self) {
-    void* (*function)(void*) = nullptr;
-    void* functionArgument = nullptr;
-    {
-        // The object is there until the post, and perhaps no longer. Until then the thread cannot be cancelled.
-        const CancellationDisabled disabled;
-        auto& service = *static_cast<ThreadService*>(self);
-        function = service.threadFunction;
-        functionArgument = service.argument;
-        service.hasNamedItself =
-            service.GetName().empty() || pthread_setname_np(pthread_self(), service.GetName().c_str()) == 0;
-        if (!service.hasNamedItself) {
-            service.semIsStartedPtr->Post();
-            return nullptr;
-        }
-        service.isStarted = true;
-        service.semIsStartedPtr->Post();
+ThreadService::Work ThreadService::TellOfTheStart() {
+    // The object and its semaphore are there until the post, and perhaps no longer. Until then the thread cannot be
+    // cancelled.
+    const CancellationDisabled disabled;
+    const Work work{threadFunction, argument};
+    const bool named = GetName().empty() || pthread_setname_np(pthread_self(), GetName().c_str()) == 0;
+    *hasNamedItself = named;
+    if (named) {
+        isStarted = true;
     }
-    return function(functionArgument);
+    semIsStartedPtr->Post();
+    return named ? work : Work{};
+}
+
+// Has nothing to unwind: a thread may be cancelled anywhere in here, and the tables tell that of calls only.
+void* ThreadService::RunInternal(void* self) {
+    const Work work = static_cast<ThreadService*>(self)->TellOfTheStart();
+    return work.function != nullptr ? work.function(work.argument) : nullptr;
 }
 
 void ThreadService::ChangeName(const BasicString& newName) {

@@ -33,17 +33,24 @@ public:
 private:
     struct Failure;
 
+    struct Work {
+        void* (*function)(void*) = nullptr;
+        void* argument = nullptr;
+    };
+
     static void* RunInternal(void* self);
+    // What the thread does, in itself, before its function. Nothing is left to do if it could not name itself.
+    Work TellOfTheStart();
 
     Failure Create(pthread_attr_t& attributes);
     // Returns or throws once the new thread has posted.
-    void WaitForPost();
+    static void WaitForPost(SemaphoreService& posted);
     [[noreturn]] void Fail(const Failure& failure);
 
     // Posted once by each new thread.
-    std::unique_ptr<SemaphoreService> semIsStartedPtr;
-    // Whether the thread that is being started has named itself; told by the semaphore.
-    bool hasNamedItself = false;
+    std::shared_ptr<SemaphoreService> semIsStartedPtr;
+    // Where the thread that is being started says whether it has named itself, before it posts.
+    bool* hasNamedItself = nullptr;
     // Last: at the end of the object the thread ends before anything that it may use.
     PosixThread thread;
 };
