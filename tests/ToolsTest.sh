@@ -51,11 +51,14 @@ has 0 periods|--period 2000000 --seconds 1
 has 1000000000 periods|--period 1 --seconds 1000
 --csv cannot write '/nowhere/file': No such file|--csv /nowhere/file
 --svg needs a value that is not empty|--svg=
+--csv needs a value|--csv --json
+both write '/dev/null'|--csv /dev/null --svg /dev/null
 TABLE
 expect 2 'unknown option --loud' "${rtcheck[@]}" --loud
 grep -q '^usage: ve-rtcheck' "$folder/err" || fail "no usage"
 expect 0 '^usage: ve-rtcheck' "${rtcheck[@]}" --help
 expect 0 '^usage: ve-jitter' "${jitter[@]}" --help
+expect 1 'could not be written' sh -c '"$@" >/dev/full' - "${jitter[@]}" --help
 
 # Whatever the machine permits is a row.
 expect '0 1' 'A real-time service would (not )?run well' "${rtcheck[@]}"

@@ -108,8 +108,9 @@ Finding CheckMemoryLocking() {
     if (CanLock(64U << 20U)) {
         return {State::Good, "64 MiB locked"};
     }
+    // With mlockall, a program under such a limit cannot even start a thread.
     if (CanLock(static_cast<std::uint32_t>(sysconf(_SC_PAGESIZE)))) {
-        return {State::Weak, "no more than " + std::to_string(Limit(RLIMIT_MEMLOCK) / 1024) + " KiB"};
+        return {State::Missing, "no more than " + std::to_string(Limit(RLIMIT_MEMLOCK) / 1024) + " KiB"};
     }
     return {State::Missing, "not a single page could be locked"};
 }
@@ -221,7 +222,7 @@ std::vector<Row> CheckMachine(ServiceFactory& factory) {
         {"real-time priority", CheckPriority(factory), "CreateThread and CreateTimer with a priority, at their start",
          "/etc/security/limits.d/realtime.conf: @realtime - rtprio 99"},
         {"memory locking", CheckMemoryLocking(),
-         "LockedMemorySegment and CreateSharedLibrary, which do not tell; mlockall",
+         "LockedMemorySegment and ISharedLibraryService::Load, which do not tell; mlockall",
          "/etc/security/limits.d/realtime.conf: @realtime - memlock unlimited"},
         {"message queues", CheckMessageQueues(factory), "CreateMessageQueue",
          "/etc/security/limits.d/realtime.conf: @realtime - msgqueue unlimited; "

@@ -38,7 +38,8 @@ public:
     Output(const char* option, const std::string& fileName) : name(fileName) {
         if (!name.empty()) {
             errno = 0;
-            file.open(name);
+            // What is there stays until there is something to write.
+            file.open(name, std::ios::app);
             if (!file) {
                 const int reason = errno;
                 // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread asks for such a text.
@@ -50,6 +51,8 @@ public:
     template <class Writer>
     void Write(Writer writer) {
         if (!name.empty()) {
+            file.close();
+            file.open(name);
             writer(file);
             file.close();
             if (!file) {
@@ -86,16 +89,19 @@ int main(int argumentCount, char** arguments) {
             throw UsageError("--seconds " + std::to_string(settings.seconds) + " has " + std::to_string(periods) +
                              " periods: from 1 to " + std::to_string(mostPeriods) + " are possible");
         }
+        if (!csvName.empty() && csvName == svgName) {
+            throw UsageError("--csv and --svg both write '" + csvName + "'");
+        }
         settings.processors = processor != processors ? 1U << processor : 0;
         Output csv("--csv", csvName);
         Output svg("--svg", svgName);
-        const std::vector<double> lateness = Record(factory, settings);
+        const auto [lateness, neverMade] = Record(factory, settings);
         if (lateness.empty()) {
             throw std::runtime_error("it was ended before the first period was over");
         }
-        const Statistics statistics(lateness, settings.periodUs);
+        const Statistics statistics(lateness, neverMade, settings.periodUs);
         (json ? WriteJson : WriteText)(std::cout, settings, statistics);
-        csv.Write([&](std::ostream& out) { WriteCsv(out, lateness); });
+        csv.Write([&calls = lateness](std::ostream& out) { WriteCsv(out, calls); });
         svg.Write([&](std::ostream& out) { WritePicture(out, settings, statistics); });
         return 0;
     });

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <string_view>
 
 void Options::AddFlag(const std::string& option, bool& flag) {
     options.push_back({option, false, [&flag](const std::string&) { flag = true; }});
@@ -49,7 +50,9 @@ bool Options::Parse(int argumentCount, char** arguments) const {
         if (!entry->hasValue && bringsValue) {
             throw UsageError(given + " takes no value");
         }
-        if (entry->hasValue && !bringsValue && ++i == argumentCount) {
+        // What looks like an option is one; a value that does so is given with "=".
+        if (entry->hasValue && !bringsValue &&
+            (++i == argumentCount || std::string_view(arguments[i]).substr(0, 2) == "--")) {
             throw UsageError(given + " needs a value");
         }
         entry->set(bringsValue ? argument.substr(equals + 1) : arguments[i]);

@@ -86,27 +86,39 @@ private:
     std::ostream& out;
 };
 
-std::string Plain(double number) {
-    std::string text = Tenths(number);
-    return number >= 1 ? text.substr(0, text.size() - 2) : text;
+/// The values that an axis has numbers at.
+std::vector<double> Ticks() {
+    std::vector<double> ticks;
+    for (int decade = -1; decade < 10; ++decade) {
+        for (const double part : {1.0, 2.0, 5.0}) {
+            ticks.push_back(part * std::pow(10.0, decade));
+        }
+    }
+    return ticks;
+}
+
+/// An axis of these values that begins and ends with a tick.
+Axis LatenessAxis(double from, double to) {
+    const std::vector<double> ticks = Ticks();
+    // 0.1 % for what rounding does to the ends.
+    const auto first = std::upper_bound(ticks.begin() + 1, ticks.end() - 1, from * 1.001) - 1;
+    const auto last = std::lower_bound(first + 1, ticks.end() - 1, to * 0.999);
+    return {*first, *last, left, right};
 }
 
 void DrawLateness(Drawing& drawing, const Axis& axis) {
     double free = 0;
-    for (int decade = -1; decade < 10; ++decade) {
-        for (const double part : {1.0, 2.0, 5.0}) {
-            const double value = part * std::pow(10.0, decade);
-            const double x = axis.At(value);
-            // 0.1 % for what rounding does to the ends.
-            if (value >= axis.from * 0.999 && value <= axis.to * 1.001) {
-                drawing.Line("grid", x, top, x, bottom);
-                const std::string text = Plain(value);
-                const double half = 4.0 * static_cast<double>(text.size());
-                if (x - half >= free) {
-                    drawing.Text("tick", x, bottom + 20, "middle", text);
-                    free = x + half + 6;
-                }
-            }
+    for (const double value : Ticks()) {
+        if (value < axis.from || value > axis.to) {
+            continue;
+        }
+        const double x = axis.At(value);
+        drawing.Line("grid", x, top, x, bottom);
+        const std::string text = Plain(value);
+        const double half = 4.0 * static_cast<double>(text.size());
+        if (x - half >= free) {
+            drawing.Text("tick", x, bottom + 20, "middle", text);
+            free = x + half + 6;
         }
     }
     drawing.Text("label", (left + right) / 2, bottom + 44, "middle", "lateness in us (logarithmic)");
@@ -145,7 +157,7 @@ void WritePicture(std::ostream& out, const Settings& settings, const Statistics&
     const std::vector<Bin> bins = statistics.Histogram(parts);
     const auto fullest =
         std::max_element(bins.begin(), bins.end(), [](const Bin& a, const Bin& b) { return a.calls < b.calls; });
-    const Axis lateness{bins.front().from, bins.back().to, left, right};
+    const Axis lateness = LatenessAxis(bins.front().from, bins.back().to);
     // Half a call is nothing, so that one call shows.
     const Axis counts{0.5, std::max(10.0, 1.3 * static_cast<double>(fullest->calls)), bottom, top};
 

@@ -29,12 +29,13 @@ private:
 
 int Run(const Options& options, int argumentCount, char** arguments, const std::function<int(ServiceFactory&)>& work) {
     try {
-        if (!options.Parse(argumentCount, arguments)) {
+        int exitCode = 0;
+        if (options.Parse(argumentCount, arguments)) {
+            const Library library;
+            exitCode = work(*ServiceFactory::GetInstance());
+        } else {
             std::cout << options.GetUsage();
-            return 0;
         }
-        const Library library;
-        const int exitCode = work(*ServiceFactory::GetInstance());
         std::cout.flush();
         return std::cout ? exitCode : throw std::runtime_error("the output could not be written");
     } catch (const UsageError& error) {

@@ -17,7 +17,14 @@ struct Settings {
     std::size_t Periods() const;
 };
 
-/// Runs the library's timer, telling its progress on standard error, until the time is over or SIGINT or SIGTERM comes.
-/// Returns how late each call but the first came, in microseconds. The first follows the start without a wait: the
-/// deadlines are counted from it. Throws VeException when the timer cannot be started.
-std::vector<double> Record(Kel::System::Ve::Internal::ServiceFactory& factory, const Settings& settings);
+struct Recording {
+    /// How late each call but the first came, in microseconds. The first follows the start without a wait: the
+    /// deadlines are counted from it.
+    std::vector<double> latenessUs;
+    /// How many calls were not made although a period had passed since their time.
+    std::size_t neverMade;
+};
+
+/// Runs the library's timer, telling its progress on standard error, until all calls are made, the time is over by some
+/// seconds, or SIGINT or SIGTERM comes. Throws VeException when the timer cannot be started.
+Recording Record(Kel::System::Ve::Internal::ServiceFactory& factory, const Settings& settings);

@@ -22,6 +22,11 @@ std::string Tenths(double number) {
     return text.str();
 }
 
+std::string Plain(double number) {
+    const std::string text = Tenths(number);
+    return number >= 1 ? text.substr(0, text.size() - 2) : text;
+}
+
 std::string Describe(const Settings& settings) {
     std::ostringstream text;
     text << "period " << settings.periodUs << " us, ";
@@ -48,7 +53,7 @@ void WriteText(std::ostream& out, const Settings& settings, const Statistics& st
     }
     out << "\n  less than     calls  (logarithmic)\n";
     for (const Bin& bin : statistics.Histogram({1, 2, 5})) {
-        out << std::setw(8) << bin.to << " us" << std::setw(10) << bin.calls << "  " << Bar(bin.calls) << '\n';
+        out << std::setw(8) << Plain(bin.to) << " us" << std::setw(10) << bin.calls << "  " << Bar(bin.calls) << '\n';
     }
 }
 
@@ -65,8 +70,8 @@ void WriteJson(std::ostream& out, const Settings& settings, const Statistics& st
     out << "},\n \"histogram\": [";
     separator = "\n";
     for (const Bin& bin : statistics.Histogram({1, 2, 5})) {
-        out << separator << "  {\"from_us\": " << bin.from << ", \"to_us\": " << bin.to << ", \"calls\": " << bin.calls
-            << '}';
+        out << separator << "  {\"from_us\": " << Plain(bin.from) << ", \"to_us\": " << Plain(bin.to)
+            << ", \"calls\": " << bin.calls << '}';
         separator = ",\n";
     }
     out << "\n]}\n";

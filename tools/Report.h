@@ -10,6 +10,9 @@
 /// A number with one digit behind the point.
 std::string Tenths(double number);
 
+/// The same, without that digit from 1 on.
+std::string Plain(double number);
+
 /// The settings in words, such as "period 1000 us, priority 80, processor 1".
 std::string Describe(const Settings& settings);
 

@@ -9,12 +9,13 @@ constexpr double leastUs = 0.1;
 
 }  // namespace
 
-Statistics::Statistics(const std::vector<double>& lateness, double periodUs) : sorted(lateness), period(periodUs) {
+Statistics::Statistics(const std::vector<double>& lateness, std::size_t neverMade, double periodUs)
+    : sorted(lateness), missing(neverMade), period(periodUs) {
     std::sort(sorted.begin(), sorted.end());
 }
 
 std::size_t Statistics::Missed() const {
-    return static_cast<std::size_t>(sorted.end() - std::lower_bound(sorted.begin(), sorted.end(), period));
+    return missing + static_cast<std::size_t>(sorted.end() - std::lower_bound(sorted.begin(), sorted.end(), period));
 }
 
 std::vector<Quantile> Statistics::Quantiles() const {

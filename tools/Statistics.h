@@ -20,12 +20,12 @@ struct Quantile {
 /// How late the calls of a timer came, in microseconds.
 class Statistics {
 public:
-    /// At least one call.
-    Statistics(const std::vector<double>& lateness, double periodUs);
+    /// At least one call; `neverMade` is how many more there should have been.
+    Statistics(const std::vector<double>& lateness, std::size_t neverMade, double periodUs);
 
     std::size_t Calls() const { return sorted.size(); }
 
-    /// The calls that came a whole period late or more: in a period that was not theirs.
+    /// The calls that came a whole period late or more, in a period that was not theirs, or not at all.
     std::size_t Missed() const;
 
     /// Minimum, median, further percentiles and maximum.
@@ -37,5 +37,6 @@ public:
 
 private:
     std::vector<double> sorted;
+    std::size_t missing;
     double period;
 };
