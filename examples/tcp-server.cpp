@@ -4,11 +4,14 @@
 #include "Host.h"
 
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Exceptions/VeException.h>
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cctype>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -59,6 +62,8 @@ public:
         thread->StartThread();
     }
 
+    bool HasEnded() const { return !thread->Joinable(); }
+
 private:
     /// Answers each line with the same in capitals, until the client closes.
     static void* Serve(void* argument) {
@@ -85,7 +90,14 @@ void* RunServer(void* argument) {
     // Until this side shuts the listener down: then the error is Shutdown.
     while (listener.Poll(Socket::PollMode::Acceptable, 0xFFFFFFFF, error) == 1 && error == Error::Success) {
         if (auto accepted = Own(listener.Accept(address, port, error))) {
-            connections.push_back(std::make_unique<Connection>(*ServiceFactory::GetInstance(), std::move(accepted)));
+            const auto hasEnded = [](const auto& connection) { return connection->HasEnded(); };
+            connections.erase(std::remove_if(connections.begin(), connections.end(), hasEnded), connections.end());
+            try {
+                connections.push_back(
+                    std::make_unique<Connection>(*ServiceFactory::GetInstance(), std::move(accepted)));
+            } catch (const Exceptions::VeException& exception) {
+                std::cerr << exception.GetMessage() << "\n";  // no more threads: the client's connection is closed
+            }
         }
     }
     return nullptr;

@@ -37,21 +37,18 @@ public:
                 },
                 this, "worker " + std::to_string(i), 0, 0, 0)));
         }
-        // Once all are there: what throws before leaves no thread behind.
-        for (const auto& thread : threads) {
-            thread->StartThread();
+        try {
+            for (const auto& thread : threads) {
+                thread->StartThread();
+            }
+        } catch (...) {
+            End();  // those that have started would wait for ever
+            throw;
         }
     }
 
     /// Waits until all jobs are done.
-    ~Pool() {
-        {
-            const std::lock_guard guard(view);
-            ends = true;
-        }
-        changed->NotifyAll();
-        threads.clear();  // deleting a thread waits for its end
-    }
+    ~Pool() { End(); }
 
     Pool(const Pool&) = delete;
     Pool& operator=(const Pool&) = delete;
@@ -66,6 +63,15 @@ public:
     }
 
 private:
+    void End() {
+        {
+            const std::lock_guard guard(view);
+            ends = true;
+        }
+        changed->NotifyAll();
+        threads.clear();  // deleting a thread waits for its end
+    }
+
     void Work() {
         for (;;) {
             std::unique_lock lock(view);
