@@ -33,6 +33,12 @@ if(definitions)
     list(APPEND pkgConfigFlags ${definitions})
 endif()
 list(JOIN pkgConfigFlags " " pkgConfigFlags)
+# Some distributions give whole paths; such a tree cannot be moved.
+foreach(kind Lib Include)
+    string(TOUPPER ${kind} upper)
+    set(folder ${CMAKE_INSTALL_${upper}DIR})
+    cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY "\${prefix}" OUTPUT_VARIABLE pkgConfig${kind}Dir)
+endforeach()
 configure_file(cmake/kel-system-ve.pc.in kel-system-ve.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kel-system-ve.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
     COMPONENT Development)
