@@ -40,7 +40,7 @@ public:
     };
 
     /// Reads up to `count` bytes into `buffer`, from its beginning: `offset` has no effect (fread). Returns how many;
-    /// fewer at the end of the file or on an error.
+    /// fewer at the end of the file or on an error. What is appended after the end was met is read after a Seek.
     virtual unsigned int Read(unsigned char* buffer, unsigned int offset, unsigned int count) = 0;
 
     /// Writes `count` bytes of `buffer`, from its beginning: `offset` has no effect (fwrite). Returns how many; fewer

@@ -9,8 +9,9 @@ namespace Kel::System::Ve {
 /// A shared library, loaded at run time and kept in memory for as long as it is loaded, so that calls into it take no
 /// page faults; without the right to lock memory (RLIMIT_MEMLOCK) it is loaded all the same. What is unloaded, and
 /// stays in the process for other reasons, is not locked any more, also when the program has called mlockall. Not
-/// thread-safe: one owner drives an object. No operation is a cancellation point of its own; what a library does when
-/// it is loaded or unloaded may be.
+/// thread-safe: one owner drives an object. No operation is a cancellation point. While a library's own code runs in
+/// Load or Unload, the loader keeps others waiting: who loads, and who makes an exception, whose stack trace asks for
+/// names.
 class KEL_API ISharedLibraryService : public virtual IServiceObject {
 public:
     /// Loads a library (dlopen with all symbols bound, for later libraries, too, and mlock). Backslashes in the path

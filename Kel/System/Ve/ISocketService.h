@@ -148,10 +148,11 @@ public:
     /// without limit. Returns 1 when ready, 0 when the time ran out, -1 on failure.
     virtual int Select(SelectMode mode, unsigned int timeoutMicroseconds, SocketError& error) = 0;
 
-    /// Waits until the socket is ready or broken (poll). `timeoutMilliseconds` is the limit; 0 looks once, 0xFFFFFFFF
-    /// waits without limit. Returns 1 when something has happened, and then `error` tells whether the socket is ready
-    /// (Success), closed by the peer (ConnReset) or shut down by this side (Shutdown); 0 with TimedOut when the time
-    /// ran out; -1 on failure. A waiting datagram of length zero is taken for the peer's closing.
+    /// Waits until the socket is ready or broken (poll). `timeoutMilliseconds` is the limit; 0 looks once, 0x80000000
+    /// and above wait without limit. Returns 1 when something has happened, and then `error` tells whether the socket
+    /// is ready (Success), closed by the peer (ConnReset) or shut down by this side (Shutdown; ConnReset where the
+    /// system tells of both ends only); 0 with TimedOut when the time ran out; -1 on failure. A waiting datagram of
+    /// length zero is taken for the peer's closing.
     virtual int Poll(PollMode mode, unsigned int timeoutMilliseconds, SocketError& error) = 0;
 
     /// Closes the socket. A local socket that is bound to a file removes that first; throws VeException, and stays

@@ -56,8 +56,8 @@ public:
     virtual void ChangeCpuAffinity(unsigned int mask) = 0;
 
     /// Waits until the thread has ended (pthread_join). Throws VeException when there is none, when it has been joined,
-    /// and when it is the caller itself. A cancellation point while the thread runs: the thread can be joined again
-    /// then.
+    /// when another is started by this object meanwhile, and when it is the caller itself. A cancellation point while
+    /// the thread runs: the thread can be joined again then.
     virtual void Join() = 0;
 
     /// Asks the thread to end at its next cancellation point (pthread_cancel), but not before its function is called.

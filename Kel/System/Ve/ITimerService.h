@@ -55,8 +55,8 @@ public:
     virtual void Start() = 0;
 
     /// Stops the timer: returns when the handler call in progress has ended, and no other follows. When the timer is
-    /// not started it does nothing but wait for a call that has stopped it itself. Called by the handler it returns at
-    /// once, and the handler is not called again.
+    /// not started it does nothing but wait for a call that has stopped it itself; so it does not stop one whose Start
+    /// has thrown. Called by the handler it returns at once, and the handler is not called again.
     virtual void Stop() = 0;
 };
 

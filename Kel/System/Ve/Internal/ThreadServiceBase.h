@@ -19,7 +19,8 @@ public:
     /// Returns the id of the calling thread: the lower 32 bits of its POSIX handle.
     static unsigned int GetCurrentThreadId();
 
-    /// Lets the calling thread be cancelled anywhere (true) or at cancellation points only (false, the default).
+    /// Lets the calling thread be cancelled anywhere (true) or at cancellation points only (false, the default). While
+    /// it may be cancelled anywhere, it calls nothing but computes; on 32-bit ARM it does not return either.
     static void SetAsynchronousCancelability(bool asynchronous);
 
     /// Returns how many characters of a name are used: 15.

@@ -13,7 +13,8 @@ namespace Kel::System::Ve::Internal::Linux {
 /// `ICondVariableService`; time is measured on the monotonic clock. When a process ends while it holds the mutex, one
 /// wait may end with an exception that says so, as the mutex itself does, but with the mutex held. A process that is
 /// killed while it waits counts as waiting for ever: `Destroy` would wait for it. Who goes on without it does not
-/// destroy, but constructs another in its place. Waits are cancellation points. What fails throws VeException.
+/// destroy, but constructs another in its place. A mutex that is locked twice stays locked in a wait. Waits are
+/// cancellation points. What fails throws VeException.
 class KEL_API IpcCondVarService {
 public:
     /// Makes it where it lies.
