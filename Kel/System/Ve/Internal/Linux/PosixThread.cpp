@@ -45,6 +45,8 @@ void PosixThread::Ends(Launch* launchOfThread, bool returned) {
     // way when it was disabled.
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    // It has ended now, and not once more.
+    pthread_setspecific(GetEndKey().key, nullptr);
     const std::unique_ptr<Launch> launch(launchOfThread);
     State& shared = *launch->state;
     {
@@ -119,7 +121,6 @@ void* PosixThread::Run(void* launchArgument) {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     }
     void* const result = launch->function(launch->argument);
-    pthread_setspecific(GetEndKey().key, nullptr);
     Ends(launch, true);
     return result;
 }

@@ -147,24 +147,25 @@ void ThreadService::Fail(const Failure& failure) {
     throw VeException("{0}: {1}, linux error code: {2}", "StartThread", failure.step, ErrorText(failure.code));
 }
 
-ThreadService::Work ThreadService::TellOfTheStart() {
+bool ThreadService::TellOfTheStart() {
     // The object and its semaphore are there until the post, and perhaps no longer. Until then the thread cannot be
     // cancelled.
     const CancellationDisabled disabled;
-    const Work work{threadFunction, argument};
     const bool named = GetName().empty() || pthread_setname_np(pthread_self(), GetName().c_str()) == 0;
     *hasNamedItself = named;
     if (named) {
         isStarted = true;
     }
     semIsStartedPtr->Post();
-    return named ? work : Work{};
+    return named;
 }
 
 // Has nothing to unwind: a thread may be cancelled anywhere in here, and the tables tell that of calls only.
 void* ThreadService::RunInternal(void* self) {
-    const Work work = static_cast<ThreadService*>(self)->TellOfTheStart();
-    return work.function != nullptr ? work.function(work.argument) : nullptr;
+    auto& service = *static_cast<ThreadService*>(self);
+    void* (*const function)(void*) = service.threadFunction;
+    void* const functionArgument = service.argument;
+    return service.TellOfTheStart() ? function(functionArgument) : nullptr;
 }
 
 void ThreadService::ChangeName(const BasicString& newName) {

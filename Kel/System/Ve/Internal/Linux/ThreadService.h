@@ -33,14 +33,9 @@ public:
 private:
     struct Failure;
 
-    struct Work {
-        void* (*function)(void*) = nullptr;
-        void* argument = nullptr;
-    };
-
     static void* RunInternal(void* self);
-    // What the thread does, in itself, before its function. Nothing is left to do if it could not name itself.
-    Work TellOfTheStart();
+    // What the thread does before its function. Returns false when it could not name itself, and then has to end.
+    bool TellOfTheStart();
 
     Failure Create(pthread_attr_t& attributes);
     // Returns or throws once the new thread has posted.
