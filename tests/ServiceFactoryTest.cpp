@@ -62,11 +62,11 @@ TEST_F(NoFactoryTest, MayBeDisposedAtTheEndOfTheProcess) {
             const std::string report = OutputOf([] { ServiceFactory::DisposeServiceFactory(); });
             _exit(report.find(" of type 'Mutex' was not destroyed.") != std::string::npos ? 0 : 1);
         };
-        std::atexit(dispose);
+        EXPECT_EQ(std::atexit(dispose), 0);
         ServiceFactory::CreateServiceFactory();
         ServiceFactory::GetInstance()->CreateMutex(false);
         std::ostringstream() << ServiceType::Mutex;
-        std::exit(2);
+        std::exit(2);  // NOLINT(concurrency-mt-unsafe): there is no other thread.
     });
     EXPECT_EQ(child.Wait(), 0);
 }
