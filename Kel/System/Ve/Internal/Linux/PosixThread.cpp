@@ -8,7 +8,6 @@
 #include <sched.h>
 
 #include <cerrno>
-#include <utility>
 
 namespace Kel::System::Ve::Internal::Linux {
 
