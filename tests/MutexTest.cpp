@@ -30,7 +30,7 @@ void ExpectExclusion(Mutex& mutex, bool isRecursive) {
 
 TEST_F(MutexTest, ExcludesOtherThreadsUntilUnlockedAsOftenAsLocked) {
     for (const bool isRecursive : {false, true}) {
-        ExpectExclusion(*std::unique_ptr<IMutexService>(factory->CreateMutex(isRecursive)), isRecursive);
+        ExpectExclusion(*Own(factory->CreateMutex(isRecursive)), isRecursive);
         IpcMutexService ipcMutex;
         ipcMutex.Init(isRecursive);
         ExpectExclusion(ipcMutex, isRecursive);
@@ -46,6 +46,44 @@ TEST_F(MutexTest, IsSharedWithOtherProcessesIfAskedFor) {
         EXPECT_EQ((mutex.GetPosixMutex().GetNativeHandle()->__data.__kind & 128) != 0,
                   sharing == MutexService::InterProcess);
     }
+}
+
+TEST_F(MutexTest, FailuresAreReported) {
+    const auto create = [&] { return factory->CreateMutex(false); };
+    const auto mutex = Own(create());
+    const auto lock = [&] { mutex->Lock(); };
+    const auto held = Own(create());
+    held->Lock();
+    IpcMutexService ipcMutex;
+    // Of Try and Timed, the text is that of errno.
+    ExpectFailures({
+        {"pthread_mutexattr_init", create, "VeException: Init: Could not initialize mutex attribute: Invalid argument"},
+        {"pthread_mutexattr_settype", create, "VeException: Init: Could not set the mutex type: Invalid argument"},
+        {"pthread_mutexattr_setpshared", create,
+         "VeException: Init: Could not set shared-flag on mutex attribute: Invalid argument"},
+        {"pthread_mutexattr_setprotocol", create,
+         "VeException: Init: Could not update the protocol information for the mutex: Invalid argument"},
+        {"pthread_mutex_init", create, "VeException: Init: Mutex could not be initiated: Invalid argument"},
+        {"pthread_mutexattr_setrobust", [&] { ipcMutex.Init(false); },
+         "VeException: Init: Mutex could not be initiated: Invalid argument"},
+        {"pthread_mutex_lock", lock, "VeException: Lock: Mutex could not be locked: Invalid argument"},
+        {"pthread_mutex_unlock", [&] { held->Unlock(); },
+         "VeException: Unlock: Mutex could not be unlocked: Invalid argument"},
+        {"pthread_mutex_trylock", [&] { mutex->TryLock(); },
+         "VeException: TryLock: Mutex could not be trylocked: Permission denied"},
+        {"pthread_mutex_trylock", [&] { mutex->TimedLock(1); },
+         "VeException: TimedLock: Mutex could not be timelocked: Permission denied"},
+        {"pthread_mutex_timedlock", [&] { held->TimedLock(1); },
+         "VeException: TimedLock: Mutex could not be timelocked: Permission denied"},
+        {"clock_gettime", [&] { held->TimedLock(1); }, "VeException: Could not compute timeout."},
+        {"pthread_mutexattr_gettype", [&] { mutex->IsRecursive(); },
+         "VeException: IsRecursive: Could not query mutex type: Invalid argument"},
+        {"pthread_mutexattr_destroy", create,
+         "ends the process: VeException: Destroy: Could not destroy mutex attribute: Invalid argument"},
+        {"pthread_mutex_destroy", create,
+         "ends the process: VeException: Destroy: Mutex could not be destroyed: Invalid argument"},
+    });
+    held->Unlock();
 }
 
 }  // namespace

@@ -25,6 +25,14 @@ void BecomeOrdinaryUser(const std::string& path) {
     }
 }
 
+void EndChild(int exitCode) {
+#ifdef KEL_TESTS_COVER
+    exit(exitCode);
+#else
+    _exit(exitCode);
+#endif
+}
+
 Child::Child(const std::function<int()>& function) : processId(fork()) {
     if (processId < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");
@@ -39,7 +47,7 @@ Child::Child(const std::function<int()>& function) : processId(fork()) {
         } catch (const std::exception& exception) {
             std::cerr << "child: " << exception.what() << std::endl;
         }
-        KEL_TESTS_END_CHILD(exitCode);
+        EndChild(exitCode);
     }
 }
 

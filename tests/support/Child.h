@@ -6,12 +6,8 @@
 #include <functional>
 #include <string>
 
-// How a child ends: at once, without what its parent would do at its end; unless that writes what the tests cover.
-#ifdef KEL_TESTS_COVER
-#define KEL_TESTS_END_CHILD exit
-#else
-#define KEL_TESTS_END_CHILD _exit
-#endif
+/// Ends a child: at once, without what its parent would do at its end; unless that writes what the tests cover.
+[[noreturn]] void EndChild(int exitCode);
 
 /// Gives up the rights of root, if this process has them, for those of an ordinary user, who gets `path`, unless empty.
 void BecomeOrdinaryUser(const std::string& path = "");

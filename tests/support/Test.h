@@ -3,10 +3,11 @@
 // What every test needs.
 
 #include "Child.h"
-#include "FactoryTest.h"
-#include "FailingCall.h"
-#include "OwnCounts.h"
-#include "Throws.h"
+#include "Interposition.h"
+#include "Outcome.h"
+#include "Own.h"
+#include "SharedObject.h"
+#include "TemporaryFolder.h"
 
 #include <Kel/Core/AppDomain.h>
 #include <Kel/Core/AppDomainSingleton.h>
@@ -16,6 +17,7 @@
 #include <Kel/Core/EnumDictionary.h>
 #include <Kel/Core/Exception.h>
 #include <Kel/Core/RuntimeTypeInfo.h>
+#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Exceptions/AccessDeniedException.h>
 #include <Kel/System/Ve/Exceptions/AlreadyExistsException.h>
 #include <Kel/System/Ve/Exceptions/InvalidPathException.h>
@@ -65,35 +67,45 @@ using namespace Kel::System::Ve;
 using namespace Kel::System::Ve::Exceptions;
 using namespace Kel::System::Ve::Internal;
 using namespace Kel::System::Ve::Internal::Linux;
-/// Why a test is skipped.
-constexpr char needsRealTime[] = "needs the right to real-time priorities (CAP_SYS_NICE or RLIMIT_RTPRIO)";
-
-inline bool MayHaveRealTimePriority() {
-    bool may = false;
-    std::thread([&] {
-        const sched_param lowest{1};
-        may = pthread_setschedparam(pthread_self(), SCHED_FIFO, &lowest) == 0;
-    }).join();
-    return may;
-}
-
-/// Runs a command of the shell's; true when it ends with status 0.
-inline bool Succeeds(const std::string& command) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): whoever calls it waits for it.
-    return system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-/// True when the program runs as code of another machine, on this one's kernel.
-// NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment meanwhile.
-inline bool IsEmulated() { return getenv("KEL_TESTS_ARE_EMULATED") != nullptr; }
-
+using Kel::System::Ve::Adapters::Own;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
 
+/// An AppDomain for the time of a test.
+class AppDomainTest : public testing::Test {
+protected:
+    AppDomainTest() { Singleton<AppDomain>::pInstance = &appDomain; }
+    ~AppDomainTest() override { Singleton<AppDomain>::pInstance = nullptr; }
+
+    AppDomain appDomain;
+};
+
+/// A factory for the time of a test, which must leave no service object and no file descriptor behind.
+class FactoryTest : public AppDomainTest {
+protected:
+    FactoryTest() {
+        ServiceFactory::CreateServiceFactory();
+        factory = ServiceFactory::GetInstance();
+    }
+    ~FactoryTest() override {
+        EXPECT_EQ(LiveObjects(), 0U);
+        EXPECT_TRUE(factory->GetRegisteredServiceObjects().empty());
+        ServiceFactory::DisposeServiceFactory();
+        EXPECT_EQ(OpenDescriptors(), descriptorsBefore);
+    }
+
+    std::uint32_t LiveObjects() const { return factory->GetStatistics().GetNumOfObjectsCreated(); }
+
+    ServiceFactory* factory;
+
+private:
+    const std::ptrdiff_t descriptorsBefore = OpenDescriptors();
+};
+
 /// Whether `operation` takes as long at least.
-template <typename Clock = steady_clock, typename Operation>
-bool Takes(milliseconds atLeast, Operation operation) {
+template <typename Clock = steady_clock, typename Function>
+bool Takes(milliseconds atLeast, Function operation) {
     const auto start = Clock::now();
     operation();
     return Clock::now() - start >= atLeast;
@@ -106,3 +118,18 @@ void WaitUntil(Condition condition) {
         std::this_thread::yield();
     }
 }
+
+/// A name for a named object of the system that no other process uses at the same time.
+inline BasicString UniqueName(const std::string& purpose) {
+    return "/kel-test-" + purpose + "-" + std::to_string(getpid());
+}
+
+/// Runs a command of the shell's; true when it ends with status 0.
+inline bool Succeeds(const std::string& command) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): whoever calls it waits for it.
+    return system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+/// True when the program runs as code of another machine, on this one's kernel.
+// NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment meanwhile.
+inline bool IsEmulated() { return getenv("KEL_TESTS_ARE_EMULATED") != nullptr; }

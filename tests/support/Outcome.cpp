@@ -1,0 +1,78 @@
+#include "Outcome.h"
+
+#include "Test.h"
+
+std::string Operation::Outcome() const {
+    try {
+        return outcome();
+    } catch (const std::exception&) {
+        return CurrentException();
+    }
+}
+
+std::string Operation::CurrentException() {
+    try {
+        throw;
+    } catch (const Exception& exception) {
+        const BasicString type = RuntimeTypeInfo::GetTypeName(typeid(exception));
+        return type.substr(type.rfind(':') + 1) + ": " + exception.GetMessage();
+    } catch (const std::exception& exception) {
+        return exception.what();
+    }
+}
+
+namespace {
+
+// What a child tells its parent before it ends.
+struct LastWords {
+    char text[500];
+};
+
+SharedObject<LastWords>* lastWords = nullptr;
+
+[[noreturn]] void TellAndEnd() {
+    Operation::CurrentException().copy((*lastWords)->text, sizeof LastWords::text - 1);
+    EndChild(EXIT_SUCCESS);
+}
+
+std::string OutcomeInChild(const Failure& failure) {
+    SharedObject<LastWords> told;
+    lastWords = &told;
+    Child child([&] {
+        std::set_terminate(&TellAndEnd);
+        const FailingCall call(failure.call, failure.skip, failure.errorNumber);
+        failure.operation.Outcome().copy(told->text, sizeof LastWords::text - 1);
+        return EXIT_FAILURE;
+    });
+    const bool isEnded = child.Wait() == EXIT_SUCCESS;
+    return (isEnded ? "ends the process: " : "does not end the process: ") + std::string(told->text);
+}
+
+std::string OutcomeOf(const Failure& failure) {
+    if (failure.outcome.find("ends the process: ") == 0) {
+        return OutcomeInChild(failure);
+    }
+    const FailingCall call(failure.call, failure.skip, failure.errorNumber);
+    return failure.operation.Outcome();
+}
+
+std::string Belongings() {
+    const auto objects = ServiceFactory::GetInstance()->GetStatistics().GetNumOfObjectsCreated();
+    return std::to_string(objects) + " objects, " + std::to_string(OpenDescriptors()) + " descriptors";
+}
+
+}  // namespace
+
+void ExpectFailures(const std::vector<Failure>& failures) {
+    for (const Failure& failure : failures) {
+        SCOPED_TRACE(failure.call);
+        const std::string before = Belongings();
+        EXPECT_EQ(OutcomeOf(failure), failure.outcome);
+        EXPECT_EQ(Belongings(), before);
+    }
+}
+
+testing::AssertionResult ComesTo(const Operation& operation, const std::string& outcome) {
+    const std::string actual = operation.Outcome();
+    return (actual == outcome ? testing::AssertionSuccess() : testing::AssertionFailure()) << actual;
+}
