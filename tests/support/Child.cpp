@@ -53,9 +53,13 @@ Child::Child(const std::function<int()>& function) : processId(fork()) {
 
 Child::~Child() {
     if (processId > 0) {
-        kill(processId, SIGKILL);
-        Wait();
+        Kill();
     }
+}
+
+int Child::Kill() {
+    kill(processId, SIGKILL);
+    return Wait();
 }
 
 int Child::Wait() {

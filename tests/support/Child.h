@@ -23,6 +23,9 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
+    /// Ends the child by SIGKILL, unless it has ended; the same as waiting for it otherwise.
+    int Kill();
+
     /// Waits for the end of the child. Returns its exit code, or 128 and the number of the signal that ended it.
     int Wait();
 

@@ -139,7 +139,8 @@ FailingCall::FailingCall(const char* function, int skip, int errorNumber)
               return errorNumber != 0 ? errorNumber : EINVAL;
           }
           errno = errorNumber != 0 ? errorNumber : EACCES;
-          constexpr std::string_view returnNull[] = {"sem_open", "fopen", "fdopen", "dlopen", "lttng_load_session_attr_create"};
+          constexpr std::string_view returnNull[] = {"sem_open", "fopen", "fdopen", "dlopen",
+                                                     "lttng_load_session_attr_create"};
           return std::find(std::begin(returnNull), std::end(returnNull), called) != std::end(returnNull) ? 0 : -1;
       }) {}
 
