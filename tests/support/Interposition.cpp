@@ -126,22 +126,31 @@ void Interposition::SetEntries(Function function) const {
     }
 }
 
+namespace {
+
+// What a function returns that fails with an error; the functions that leave it in errno find it there.
+std::intptr_t FailureOf(std::string_view function, int errorNumber) {
+    if (function.substr(0, 8) == "pthread_") {
+        errno = EACCES;
+        return errorNumber != 0 ? errorNumber : EINVAL;
+    }
+    errno = errorNumber != 0 ? errorNumber : EACCES;
+    for (const char* const returnsNull : {"sem_open", "fopen", "fdopen", "dlopen", "lttng_load_session_attr_create"}) {
+        if (function == returnsNull) {
+            return 0;
+        }
+    }
+    return function.substr(0, 6) == "lttng_" ? -errno : -1;
+}
+
+}  // namespace
+
 FailingCall::FailingCall(const char* function, int skip, int errorNumber)
-    : name(function),
-      remaining(skip),
-      interposition(function, [this, errorNumber](const Interposition::Arguments& arguments) -> std::intptr_t {
+    : name(function), remaining(skip), interposition(function, [this, errorNumber](const auto& arguments) {
           if (std::this_thread::get_id() != thread || remaining < 0 || remaining-- > 0) {
               return interposition.CallThrough(arguments);
           }
-          const std::string_view called = name;
-          if (called.substr(0, 8) == "pthread_") {
-              errno = EACCES;
-              return errorNumber != 0 ? errorNumber : EINVAL;
-          }
-          errno = errorNumber != 0 ? errorNumber : EACCES;
-          constexpr std::string_view returnNull[] = {"sem_open", "fopen", "fdopen", "dlopen",
-                                                     "lttng_load_session_attr_create"};
-          return std::find(std::begin(returnNull), std::end(returnNull), called) != std::end(returnNull) ? 0 : -1;
+          return FailureOf(name, errorNumber);
       }) {}
 
 FailingCall::~FailingCall() {

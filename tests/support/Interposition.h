@@ -47,7 +47,7 @@ private:
 
 /// While it lives, one call that this thread has the library make of a function fails without being made; one that is
 /// never made fails the test. A function that returns the number of an error returns EINVAL, with EACCES in errno; all
-/// others fail with EACCES. So a text that comes from the wrong one of the two is noticed.
+/// others fail with EACCES (those of the tracer with -EACCES). So a text that comes from the wrong one is noticed.
 class FailingCall {
 public:
     /// `skip` calls go through first. `errorNumber` replaces the error's number, unless it is 0.
