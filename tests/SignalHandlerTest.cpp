@@ -1,4 +1,3 @@
-#include "support/SharedObject.h"
 #include "support/Test.h"
 
 #include <sys/time.h>
@@ -60,16 +59,16 @@ int* volatile nowhere = reinterpret_cast<int*>(16);
 
 namespace {
 
-struct Outcome {
+struct Told {
     std::array<char, 8192> report;
     std::atomic<int> calls;
 };
 
-const SharedObject<Outcome>* outcome = nullptr;
+const SharedObject<Told>* told = nullptr;
 
 void KeepReport(const BasicString& report) {
-    ++(*outcome)->calls;
-    std::strncpy((*outcome)->report.data(), report.c_str(), (*outcome)->report.size() - 1);
+    ++(*told)->calls;
+    std::strncpy((*told)->report.data(), report.c_str(), (*told)->report.size() - 1);
 }
 
 void KeepReportAndEnd(const BasicString& report) {
@@ -79,15 +78,15 @@ void KeepReportAndEnd(const BasicString& report) {
 
 class SignalHandlerTest : public FactoryTest {
 protected:
-    SignalHandlerTest() { outcome = &shared; }
+    SignalHandlerTest() { told = &shared; }
 
     void SetUpHandlers(void (*throwCallback)(), void (*terminateCallback)(const BasicString&)) {
-        std::unique_ptr<ISignalHandlerService>(factory->CreateSignalHandler())->Setup(throwCallback, terminateCallback);
+        Own(factory->CreateSignalHandler())->Setup(throwCallback, terminateCallback);
     }
 
     std::string Report() const { return shared->report.data(); }
 
-    SharedObject<Outcome> shared;
+    SharedObject<Told> shared;
 };
 
 TEST_F(SignalHandlerTest, CrashIsReportedWithTheNamesOfTheFunctions) {
@@ -127,11 +126,14 @@ TEST_F(SignalHandlerTest, CrashIsReportedWithTheNamesOfTheFunctions) {
 TEST_F(SignalHandlerTest, SetUpInstallsTheHandlerAndNothingElse) {
     EXPECT_TRUE(SucceedsInChild([this] {
         const auto throwCallback = [] {};
-        {
-            // Once before it is needed, since it loads a library.
-            const FailingCall call("backtrace", [] {});
-            SetUpHandlers(throwCallback, &KeepReport);
-        }
+        std::atomic<bool> isLoaded{false};
+        const Interposition traced("backtrace", [&](const auto& /*arguments*/) {
+            isLoaded = true;
+            return 0;
+        });
+        SetUpHandlers(throwCallback, &KeepReport);
+        // Once before it is needed, since it loads a library.
+        EXPECT_TRUE(isLoaded);
         EXPECT_EQ(SignalHandlerService::pThrowExceptionCallback, static_cast<void (*)()>(throwCallback));
         sigset_t none;
         sigemptyset(&none);
@@ -168,7 +170,7 @@ TEST_F(SignalHandlerTest, HandlerReturnsAndKeepsErrno) {
         EXPECT_EQ(errno, EPERM);
         EXPECT_EQ(shared->calls, 1);
         // Other signals have no name; no frames, no lines.
-        const FailingCall call("backtrace", 0, 0);
+        const Interposition untraced("backtrace", [](const auto& /*arguments*/) { return 0; });
         SignalHandlerService::StackTraceHandler(SIGTERM, nullptr, nullptr);
         EXPECT_EQ(Report(), "Signal  occured.\r\nStacktrace:\r\n");
     }));
