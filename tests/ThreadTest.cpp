@@ -1,6 +1,4 @@
-#include "support/OwnSettings.h"
 #include "support/Test.h"
-#include "support/ThreadStat.h"
 
 namespace {
 
@@ -14,23 +12,25 @@ class ThreadTest : public FactoryTest {
 protected:
     std::unique_ptr<IThreadService> Make(std::function<void()>& function, const BasicString& name = BasicString::Empty,
                                          unsigned int priority = 0, unsigned int mask = 0) {
-        return std::unique_ptr<IThreadService>(factory->CreateThread(&Call, &function, name, priority, mask, 0));
+        return Own(factory->CreateThread(&Call, &function, name, priority, mask, 0));
     }
 
     // Nothing is asked of the C library for a thread that is not there.
     static void ExpectNoThread(IThreadService& thread) {
         const std::string noThread = ", linux error code: No such process";
-        EXPECT_TRUE(Throws([&] { thread.ChangeName("x"); }, "ChangeName: Could not change threadname" + noThread));
-        EXPECT_TRUE(Throws([&] { thread.ChangePriority(0); }, "ChangePriority: Could not change priority" + noThread));
-        EXPECT_TRUE(Throws([&] { thread.ChangeCpuAffinity(1); },
-                           "ChangeCpuAffinity: Could not change cpu affinity" + noThread));
+        EXPECT_TRUE(ComesTo([&] { thread.ChangeName("x"); },
+                            "VeException: ChangeName: Could not change threadname" + noThread));
+        EXPECT_TRUE(ComesTo([&] { thread.ChangePriority(0); },
+                            "VeException: ChangePriority: Could not change priority" + noThread));
+        EXPECT_TRUE(ComesTo([&] { thread.ChangeCpuAffinity(1); },
+                            "VeException: ChangeCpuAffinity: Could not change cpu affinity" + noThread));
     }
 
     static void ExpectNothingToJoin(IThreadService& thread) {
         const std::string noThread = " Thread did not succeed, linux error code: No such process";
         EXPECT_FALSE(thread.Joinable());
-        EXPECT_TRUE(Throws([&] { thread.Join(); }, "Join: Joining" + noThread));
-        EXPECT_TRUE(Throws([&] { thread.Cancel(); }, "Cancel: Canceling" + noThread));
+        EXPECT_TRUE(ComesTo([&] { thread.Join(); }, "VeException: Join: Joining" + noThread));
+        EXPECT_TRUE(ComesTo([&] { thread.Cancel(); }, "VeException: Cancel: Canceling" + noThread));
         ExpectNoThread(thread);
     }
 
@@ -54,12 +54,13 @@ TEST_F(ThreadTest, StartsWithItsSettingsOrLeavesNoThread) {
     const auto thread = Make(look, "0123456789abcdefgh", 1000, 1U << 31U);
     ExpectNothingToJoin(*thread);
     // The C library leaves a handle behind in some of these.
-    EXPECT_TRUE(Throws([&] { thread->StartThread(); },
-                       "StartThread: Could not set scheduling parameters, linux error code: Invalid argument"));
+    EXPECT_TRUE(
+        ComesTo([&] { thread->StartThread(); },
+                "VeException: StartThread: Could not set scheduling parameters, linux error code: Invalid argument"));
     ExpectNothingToJoin(*thread);
     thread->SetPriority(0);
-    EXPECT_TRUE(Throws([&] { thread->StartThread(); },
-                       "StartThread: Could not create thread, linux error code: Invalid argument"));
+    EXPECT_TRUE(ComesTo([&] { thread->StartThread(); },
+                        "VeException: StartThread: Could not create thread, linux error code: Invalid argument"));
     ExpectNothingToJoin(*thread);
     thread->SetCpuAffinity(1);
     thread->SetStackSize(1U << 24U);
@@ -82,11 +83,53 @@ TEST_F(ThreadTest, StartsWithItsSettingsOrLeavesNoThread) {
     EXPECT_EQ(settings, "real-time, real-time 20, 1 from 0");
 }
 
+TEST_F(ThreadTest, FailuresAreReported) {
+    const auto start = [&] {
+        const auto thread = Make(nothing, "name", 0, 1);
+        thread->SetStackSize(1U << 20U);
+        thread->StartThread();
+    };
+    const std::string invalid = ", linux error code: Invalid argument";
+    const std::string couldNot = "VeException: StartThread: Could not ";
+    std::function<void()> wait = [&] { go.Wait(0); };
+    const auto running = Make(wait);
+    running->StartThread();
+    ExpectFailures({
+        {"sem_init", start,
+         "VeException: SemaphoreService: Unnamed semaphore could not be initiated: Permission denied"},
+        {"pthread_attr_init", start, couldNot + "initialize thread attribute" + invalid},
+        {"pthread_attr_getschedparam", start, couldNot + "get scheduling parameters" + invalid},
+        {"pthread_attr_setschedpolicy", start, couldNot + "set scheduling policy" + invalid},
+        {"pthread_attr_setschedparam", start, couldNot + "set scheduling parameters" + invalid},
+        {"pthread_attr_setinheritsched", start, couldNot + "set schedinheritance" + invalid},
+        {"pthread_attr_setstacksize", start, couldNot + "set stacksize" + invalid},
+        {"pthread_attr_setaffinity_np", start, couldNot + "set cpu affinity" + invalid},
+        {"pthread_create", start, couldNot + "create thread" + invalid},
+        {"pthread_attr_destroy", start, couldNot + "destroy thread attribute" + invalid},
+        {"sem_wait", start, "VeException: WaitInfinite: Semaphore could not be waited for: Permission denied"},
+        {"pthread_setname_np", [&] { running->ChangeName("x"); },
+         "VeException: ChangeName: Could not change threadname" + invalid},
+        {"pthread_setschedparam", [&] { running->ChangePriority(0); },
+         "VeException: ChangePriority: Could not change priority" + invalid},
+        {"pthread_setaffinity_np", [&] { running->ChangeCpuAffinity(1); },
+         "VeException: ChangeCpuAffinity: Could not change cpu affinity" + invalid},
+        {"pthread_cancel", [&] { running->Cancel(); },
+         "VeException: Cancel: Canceling Thread did not succeed" + invalid},
+        {"pthread_setcanceltype", [] { ThreadServiceBase::SetAsynchronousCancelability(false); },
+         "VeException: SetAsynchronousCancelability: Could not change cancelability type" + invalid},
+    });
+    go.Post();
+    ExpectFailures(
+        {{"pthread_join", [&] { running->Join(); }, "VeException: Join: Joining Thread did not succeed" + invalid}});
+    const FailingAllocation none(0);
+    EXPECT_TRUE(
+        ComesTo([&] { running->StartThread(); }, couldNot + "allocate semIsStartedPtr, linux error code: Success"));
+}
+
 TEST_F(ThreadTest, ThreadThatCannotNameItselfIsGone) {
     const auto thread = Make(nothing, "name");
-    FailingCall naming("pthread_setname_np", EINVAL, EPERM);
-    naming.InAnyThread();
-    EXPECT_TRUE(Throws([&] { thread->StartThread(); }, "StartThread: , linux error code: Success"));
+    const Interposition naming("pthread_setname_np", [](const auto& /*arguments*/) { return ERANGE; });
+    EXPECT_TRUE(ComesTo([&] { thread->StartThread(); }, "VeException: StartThread: , linux error code: Success"));
     ExpectNothingToJoin(*thread);
 }
 
@@ -102,8 +145,8 @@ TEST_F(ThreadTest, ChangesTheRunningThread) {
     EXPECT_TRUE(thread->Joinable());
     thread->SetName("the name after, cut");
     thread->SetPriority(0);
-    EXPECT_TRUE(Throws([&] { thread->SetStackSize(0); },
-                       "SetStackSize: Changing stacksize of an already created thread is not possible."));
+    EXPECT_TRUE(ComesTo([&] { thread->SetStackSize(0); },
+                        "VeException: SetStackSize: Changing stacksize of an already created thread is not possible."));
     EXPECT_EQ(thread->GetName(), "the name after,");
     // All of 0 to 9 that there are.
     thread->SetCpuAffinity(0);
@@ -176,26 +219,26 @@ TEST_F(ThreadTest, RunsAgainAndSeveralAtATimeAndMayDeleteItsObject) {
     WaitUntil([&] { return CountThreads() <= threads; });
 }
 
-// Here of a thread and of a factory that has something to report.
 TEST_F(ThreadTest, MayBeCancelledInADestructorThatWaits) {
-    EXPECT_TRUE(SucceedsInChild([this] {
-        std::atomic<bool> isDone{false};
-        std::function<void()> destroy = [&] {
-            auto inner = Make(nothing);
-            inner->StartThread();
-            factory->CreateMutex(false);
-            pthread_cancel(pthread_self());
-            inner.reset();
-            ServiceFactory::DisposeServiceFactory();
-            isDone = true;
-            pthread_testcancel();
-            isDone = false;
-        };
-        auto* const thread = Make(destroy).release();
-        thread->StartThread();
-        thread->Join();
-        EXPECT_TRUE(isDone);
-    }));
+    std::atomic<pid_t> destroyer{0};
+    bool isDone = false;
+    std::function<void()> wait = [&] { go.Wait(0); };
+    std::function<void()> destroy = [&] {
+        auto inner = Make(wait);
+        inner->StartThread();
+        destroyer = gettid();
+        inner.reset();
+        isDone = true;
+        pthread_testcancel();
+        isDone = false;
+    };
+    const auto thread = Make(destroy);
+    thread->StartThread();
+    WaitUntil([&] { return destroyer != 0 && ThreadStat(destroyer, 3) == "S"; });
+    thread->Cancel();
+    go.Post();
+    thread->Join();
+    EXPECT_TRUE(isDone);
 }
 
 TEST_F(ThreadTest, ExceptionOfTheFunctionEndsTheProcess) {
@@ -210,11 +253,11 @@ TEST_F(ThreadTest, ExceptionOfTheFunctionEndsTheProcess) {
 }
 
 TEST_F(ThreadTest, IsJoinedOnceAndNotByItself) {
-    const std::string failed = "Join: Joining Thread did not succeed, linux error code: ";
+    const std::string failed = "VeException: Join: Joining Thread did not succeed, linux error code: ";
     std::unique_ptr<IThreadService> thread;
     std::function<void()> run = [&] {
         go.Wait(0);
-        EXPECT_TRUE(Throws([&] { thread->Join(); }, failed + "Resource deadlock avoided"));
+        EXPECT_TRUE(ComesTo([&] { thread->Join(); }, failed + "Resource deadlock avoided"));
     };
     thread = Make(run);
     thread->StartThread();
@@ -239,26 +282,29 @@ TEST_F(ThreadTest, IsJoinedOnceAndNotByItself) {
 
 TEST_F(ThreadTest, InterruptionsEndNeitherASleepNorAStart) {
     {
-        const FailingCall interrupted("nanosleep", -1, EINTR);
+        const FailingCall interrupted("nanosleep", 0, EINTR);
         EXPECT_TRUE(Takes(milliseconds(30), [] { ThreadServiceBase::Sleep(30); }));
     }
     {
-        const FailingCall slept("nanosleep", 0, 0);
+        const Interposition slept("nanosleep", [](const auto& arguments) {
+            EXPECT_EQ(reinterpret_cast<const timespec*>(arguments[0])->tv_sec, 4294967);
+            return 0;
+        });
         ThreadServiceBase::Sleep(4294967295U);
     }
     const std::unique_ptr<IThreadService> thread(factory->CreateThread([](void*) -> void* { std::abort(); }));
     thread->SetThreadFunction([](void*) -> void* { return nullptr; });
-    const FailingCall interrupted("sem_wait", -1, EINTR);
+    const FailingCall interrupted("sem_wait", 0, EINTR);
     thread->StartThread();
 }
 
 TEST_F(ThreadTest, IsNotCancelledBeforeTheStartHasEnded) {
     std::unique_ptr<IThreadService> thread;
-    FailingCall naming("pthread_setname_np", [&] {
+    const Interposition naming("pthread_setname_np", [&](const auto& arguments) {
         thread->Cancel();
         pthread_testcancel();
+        return naming.CallThrough(arguments);
     });
-    naming.InAnyThread();
     std::atomic<bool> called{false};
     std::function<void()> run = [&] {
         called = true;
@@ -274,8 +320,8 @@ TEST_F(ThreadTest, IsNotCancelledBeforeTheStartHasEnded) {
 
 TEST_F(ThreadTest, IsCancelledWhereverItWaits) {
     SemaphoreService open(1);
-    const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(false));
-    const std::unique_ptr<ICondVariableService> condition(factory->CreateConditionVariable());
+    const auto mutex = Own(factory->CreateMutex(false));
+    const auto condition = Own(factory->CreateConditionVariable());
     std::function<void()> waitForTheEnd = [&] { done.Wait(0); };
     const auto sleeper = Make(waitForTheEnd);
     std::function<void()> waits[] = {
@@ -323,11 +369,17 @@ TEST_F(ThreadTest, IsCancelledWhereverItWaits) {
 #ifndef __SANITIZE_THREAD__  // As above.
 TEST_F(ThreadTest, CancellationAnywhereEndsWithTheFunction) {
     std::unique_ptr<IThreadService> thread;
-    std::unique_ptr<FailingCall> end;
+    std::unique_ptr<Interposition> end;
     std::function<void()> run = [&] {
-        ThreadServiceBase::SetAsynchronousCancelability(true);
         // When the thread is about to say that it has ended.
-        end = std::make_unique<FailingCall>("pthread_mutex_lock", [&] { thread->Cancel(); });
+        end = std::make_unique<Interposition>(
+            "pthread_mutex_lock", [&, self = pthread_self(), isOnce = true](const auto& arguments) mutable {
+                if (pthread_equal(self, pthread_self()) != 0 && std::exchange(isOnce, false)) {
+                    thread->Cancel();
+                }
+                return end->CallThrough(arguments);
+            });
+        ThreadServiceBase::SetAsynchronousCancelability(true);
     };
     thread = Make(run);
     thread->StartThread();
@@ -360,7 +412,7 @@ TEST_F(ThreadTest, InheritsThePriorityOfWhoWaitsForItsMutex) {
     if (!MayHaveRealTimePriority()) {
         GTEST_SKIP() << needsRealTime;
     }
-    const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(false));
+    const auto mutex = Own(factory->CreateMutex(false));
     std::atomic<pid_t> holder{0};
     const auto holdersPriority = [&] { return ThreadStat(holder, 18); };
     std::function<void()> low = [&] {
