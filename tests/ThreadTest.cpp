@@ -121,9 +121,11 @@ TEST_F(ThreadTest, FailuresAreReported) {
     go.Post();
     ExpectFailures(
         {{"pthread_join", [&] { running->Join(); }, "VeException: Join: Joining Thread did not succeed" + invalid}});
-    const FailingAllocation none(0);
-    EXPECT_TRUE(
-        ComesTo([&] { running->StartThread(); }, couldNot + "allocate semIsStartedPtr, linux error code: Success"));
+    const auto startWithoutMemory = [&] {
+        const FailingAllocation none(0);
+        running->StartThread();
+    };
+    EXPECT_TRUE(ComesTo(startWithoutMemory, couldNot + "allocate semIsStartedPtr, linux error code: Success"));
 }
 
 TEST_F(ThreadTest, ThreadThatCannotNameItselfIsGone) {
