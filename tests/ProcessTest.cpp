@@ -1,5 +1,3 @@
-#include "support/OwnSettings.h"
-#include "support/TemporaryFolder.h"
 #include "support/Test.h"
 
 #include <sched.h>
@@ -13,7 +11,7 @@ class ProcessTest : public FactoryTest {
 protected:
     ProcessTest() { chmod((folder / "").c_str(), 0755); }
 
-    std::unique_ptr<IProcessService> Make() { return std::unique_ptr<IProcessService>(factory->CreateProcess()); }
+    std::unique_ptr<IProcessService> Make() { return Own(factory->CreateProcess()); }
 
     /// A file that may be run.
     BasicString Executable(const std::string& name, const std::string& text) const {
@@ -50,10 +48,19 @@ protected:
     }
 
     const TemporaryFolder folder;
-    const std::string alreadyStarted = "EnsureHasNotStarted: Process already started.";
+    const std::string alreadyStarted = "VeException: EnsureHasNotStarted: Process already started.";
 };
 
-bool Signals(const std::function<void()>& operation) { return FailingCall::HappensIn(operation, "kill"); }
+// Whether `operation` sends a signal.
+bool Signals(const std::function<void()>& operation) {
+    bool isSent = false;
+    const Interposition sent("kill", [&](const auto& arguments) {
+        isSent = true;
+        return sent.CallThrough(arguments);
+    });
+    operation();
+    return isSent;
+}
 
 TEST_F(ProcessTest, ArgumentsAreSplitAtBlanksTabsAndLineFeeds) {
     const BasicString program = Program("arguments", "echo \"$0\"; for a; do printf '[%s]' \"$a\"; done");
@@ -85,12 +92,9 @@ TEST_F(ProcessTest, ExitCodeIsThatOfTheProgram) {
     EXPECT_EQ(ExitCodeOf(folder.Write("no-program", "")), 1);
     EXPECT_EQ(ExitCodeOf(Program("where", "pwd"), "", "/"), 0);
     EXPECT_EQ(Output(), "/\n");
-    {
-        const FailingCall interrupted("waitpid", -1, EINTR);
-        EXPECT_EQ(ExitCodeOf(folder / "three"), 3);
-    }
-    const FailingCall someoneElse("waitpid", -1, ECHILD);
-    EXPECT_EQ(ExitCodeOf(folder / "three"), -1);
+    const auto three = [this] { return ExitCodeOf(folder / "three"); };
+    // One that somebody else has waited for is not told.
+    ExpectFailures({{"waitpid", three, "3", 0, EINTR}, {"waitpid", three, "-1", 0, ECHILD}});
     EXPECT_GT(waitpid(EndedChild().si_pid, nullptr, 0), 0);
 }
 
@@ -123,15 +127,15 @@ TEST_F(ProcessTest, StartLeavesSignalsAndThreadsAsTheyAre) {
 
 TEST_F(ProcessTest, RelativePathsStartInTheWorkingDirectory) {
     EXPECT_TRUE(SucceedsInChild([this] {
-        const std::string notFound = "EnsureExecutableExists: Could not find executable ";
+        const std::string notFound = "VeException: EnsureExecutableExists: Could not find executable ";
         EXPECT_EQ(chdir((folder / "").c_str()), 0);
         Program("tool", "pwd");
         EXPECT_EQ(ExitCodeOf("./tool", "", "/"), 0);
         EXPECT_EQ(Output(), "/\n");
         // PATH is not searched.
-        EXPECT_TRUE(Throws([this] { ExitCodeOf("sh"); }, notFound + folder / "sh" + "."));
+        EXPECT_TRUE(ComesTo([this] { ExitCodeOf("sh"); }, notFound + folder / "sh" + "."));
         EXPECT_EQ(mkdir("gone", 0700) + chdir("gone") + rmdir((folder / "gone").c_str()), 0);
-        EXPECT_TRUE(Throws([this] { ExitCodeOf("sh"); }, notFound + "sh."));
+        EXPECT_TRUE(ComesTo([this] { ExitCodeOf("sh"); }, notFound + "sh."));
     }));
     EXPECT_TRUE(ProcessService::IsPathRelative("a/b") && ProcessService::IsPathRelative(""));
     EXPECT_FALSE(ProcessService::IsPathRelative("/a"));
@@ -145,7 +149,7 @@ TEST_F(ProcessTest, PollingTellsTheEndOfItsOwnChildOnly) {
     first->Start("", program, "");
     second->Start("", WaitingProgram("second", "exit 7"), "");
     EXPECT_FALSE(first->HasExited());
-    EXPECT_TRUE(Throws([&] { first->Start("", program, ""); }, alreadyStarted));
+    EXPECT_TRUE(ComesTo([&] { first->Start("", program, ""); }, alreadyStarted));
 
     folder.Write("second", "go on\n");
     EndedChild();
@@ -158,7 +162,7 @@ TEST_F(ProcessTest, PollingTellsTheEndOfItsOwnChildOnly) {
     folder.Write("first", "go on\n");
     EndedChild();
     // The one that finds it ended well does not say so yet.
-    EXPECT_TRUE(Throws([&] { first->StartDaemon("", program, ""); }, alreadyStarted));
+    EXPECT_TRUE(ComesTo([&] { first->StartDaemon("", program, ""); }, alreadyStarted));
     EXPECT_TRUE(first->HasExited());
     first->Start("", Program("again", ""), "");
     EndedChild();
