@@ -3,7 +3,6 @@
 
 #include "support/Test.h"
 
-#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -17,7 +16,6 @@
 namespace {
 
 using Random = std::minstd_rand;
-using SocketError = ISocketService::SocketError;
 
 unsigned int Below(unsigned int limit, Random& random) { return static_cast<unsigned int>(random()) % limit; }
 
@@ -180,82 +178,22 @@ struct Threads {
     std::unique_ptr<IThreadService> thread = Own(Factory().CreateThread(&Run, semaphore.get()));
 };
 
-struct Sockets {
-    Sockets() { EXPECT_EQ(socket->Bind(htonl(INADDR_LOOPBACK), port), 0); }
-
-    void Use(Random& random) {
-        char message[32] = "datagram";
-        SocketError error{};
-        if (Below(2, random) == 0) {
-            EXPECT_EQ(socket->SendTo(message, sizeof message, error, htonl(INADDR_LOOPBACK), port), 32);
-        } else if (socket->Recv(message, sizeof message, error) == -1) {
-            EXPECT_EQ(error, SocketError::WouldBlock);
-        }
-        const int polled = socket->Poll(ISocketService::PollMode::Readable, Below(2, random), error);
-        EXPECT_EQ(error, polled == 0 ? SocketError::TimedOut : SocketError::Success);
-    }
-
-    std::unique_ptr<ISocketService> socket =
-        Own(Factory().CreateSocket(ISocketService::SocketType::Datagram, ISocketService::SocketDomain::Ipv4,
-                                   ISocketService::SocketBlockingMode::NonBlocking));
-    int port = 0;
-};
-
-struct Queues {
-    ~Queues() { queue->Unlink(); }
-
-    void Use(Random& random) {
-        // Nobody else may ever come who makes room, or sends: there is always a limit.
-        const unsigned int limit = 1 + Below(2, random);
-        char message[16] = "a message";
-        unsigned int priority = 0;
-        if (Below(2, random) == 0) {
-            ExpectOneOf([&] { queue->Send(message, sizeof message, 7, limit); },
-                        {"done", "VeException: Could not send message. Error Connection timed out."});
-        } else if (queue->Receive(message, sizeof message, priority, limit) != 0) {
-            EXPECT_EQ(priority, 7U);
-        }
-    }
-
-    std::unique_ptr<IMessageQueueService> queue = Own(Factory().CreateMessageQueue(
-        NewName(), IMessageQueueService::OpenMode::CreateNew, IMessageQueueService::Access::ReadWrite, true, 4, 16));
-};
-
-struct Memories {
-    ~Memories() {
-        EXPECT_EQ(*Counter(*memory), added);
-        munmap(memory->GetAddress(), memory->GetSize());
-        memory->Close();
-        shm_unlink(memory->GetName().c_str());
-    }
-
-    void Use(Random& /*random*/) {
-        const auto opened = Own(Factory().CreateSharedMemory(memory->GetName(), 4, ISharedMemoryService::mode::Open));
-        ++added;
-        ++*Counter(*opened);
-        // The object leaves it mapped.
-        munmap(opened->GetAddress(), opened->GetSize());
-    }
-    static std::atomic<unsigned int>* Counter(ISharedMemoryService& of) {
-        return static_cast<std::atomic<unsigned int>*>(of.GetAddress());
-    }
-
-    std::unique_ptr<ISharedMemoryService> memory =
-        Own(Factory().CreateSharedMemory(NewName(), 4, ISharedMemoryService::mode::Create));
-    std::atomic<unsigned int> added{0};
-};
-
 // What each thread has for itself.
 struct Others {
     void Use(Random& random) {
-        BasicString text = "/tmp" + NewName();
-        const auto file =
-            Own(Factory().CreateFile(text, IFileService::FileMode::CreateNew, IFileService::FileAccess::Write, false));
-        EXPECT_TRUE(FileServiceBase::Delete(text));
+        const BasicString name = NewName();
+        BasicString error;
+        const auto file = Own(Factory().CreateFile("/tmp" + name, IFileService::FileMode::CreateNew,
+                                                   IFileService::FileAccess::Write, false));
+        EXPECT_TRUE(FileServiceBase::Delete("/tmp" + name));
+        const auto memory = Own(Factory().CreateSharedMemory(name, 4096, ISharedMemoryService::mode::Create));
+        // The object leaves it mapped, and named.
+        munmap(memory->GetAddress(), memory->GetSize());
+        shm_unlink(name.c_str());
         const auto library = Own(Factory().CreateSharedLibrary());
         library->Load(PluginPath());
         EXPECT_NE(library->GetFunctionAddress("PluginAnswer"), nullptr);
-        EXPECT_NE(Own(Factory().CreateNetworkInterfaceInfo("lo", text)), nullptr);
+        EXPECT_NE(Own(Factory().CreateNetworkInterfaceInfo("lo", error)), nullptr);
         Own(Factory().CreateTraceController())->IsSessionDaemonAlive();
         if (Below(20, random) == 0) {
             int exitCode = -1;
@@ -363,10 +301,7 @@ TEST_F(StressTest, EverythingAtOnceBreaksNothingAndLeavesNothing) {
             {"semaphore", Shared<Semaphores>()},
             {"timer", Shared<Timers>()},
             {"thread", Shared<Threads>()},
-            {"socket", Shared<Sockets>()},
-            {"message queue", Shared<Queues>()},
-            {"shared memory", Shared<Memories>()},
-            {"file, library, interface, process", Shared<Others>()},
+            {"others", Shared<Others>()},
             {"objects of killed processes", [&](Random& random) { UseCommon(*common, random); }},
         };
         std::vector<std::thread> threads;
