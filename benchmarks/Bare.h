@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Families.h"
+#include "Expect.h"
 
 #include <pthread.h>
 #include <semaphore.h>

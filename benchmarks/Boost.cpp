@@ -1,5 +1,8 @@
-#include "Failures.h"
-#include "Programs.h"
+#include "FailureWorks.h"
+#include "Families.h"
+#include "FileWorks.h"
+#include "ProgramWorks.h"
+#include "SocketWorks.h"
 #include "Works.h"
 
 #include <boost/asio/generic/datagram_protocol.hpp>
@@ -22,8 +25,6 @@
 #include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/shared_mutex.hpp>
 #include <boost/thread/thread.hpp>
-
-#include "FileWorks.h"
 
 namespace interprocess = boost::interprocess;
 

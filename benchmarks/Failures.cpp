@@ -1,4 +1,5 @@
-#include "Failures.h"
+#include "FailureWorks.h"
+#include "Families.h"
 
 #include <Kel/Core/FormatMessage.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
@@ -46,16 +47,6 @@ void ThrowVeException() { throw VeException("{0}: failed: {1}", "Operation", "re
 void ThrowPlainError() { throw PlainError{PlainTrace()}; }
 
 }  // namespace
-
-[[gnu::noinline]] void ThrowAtDepth(int depth, void (*volatile throwNow)()) {
-    if (depth > 0) {
-        ThrowAtDepth(depth - 1, throwNow);
-    } else {
-        throwNow();
-    }
-    // Not the last thing is the call, or it would have no frame.
-    benchmark::ClobberMemory();
-}
 
 void RegisterFailures() {
     RegisterThrow<VeException>("library", &ThrowVeException);

@@ -1,8 +1,12 @@
 #pragma once
 
-#include "Families.h"
+#include "Benchmark.h"
+#include "Expect.h"
 
 #include <Kel/Core/BasicString.h>
+
+#include <ios>
+#include <string>
 
 // Files of 64 KiB in memory, of which 64 bytes at a time are read or written.
 

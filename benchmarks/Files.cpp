@@ -1,3 +1,5 @@
+#include "Factory.h"
+#include "Families.h"
 #include "FileWorks.h"
 
 #include <Kel/System/Ve/IFileService.h>
@@ -75,12 +77,6 @@ void RegisterSharedMemory() {
 }
 
 }  // namespace
-
-TemporaryFile::TemporaryFile() : path(UniqueName("/dev/shm/kel-bench-file-")) {
-    std::ofstream(path).write(std::string(recordSize * inFile, 'x').data(), recordSize * inFile);
-}
-
-TemporaryFile::~TemporaryFile() { Expect(unlink(path.c_str()) == 0); }
 
 void RegisterFiles() {
     RegisterFileWorks<LibraryFile>("library");

@@ -1,4 +1,6 @@
 #include "Bare.h"
+#include "Factory.h"
+#include "Families.h"
 #include "Works.h"
 
 #include <Kel/System/Ve/IMessageQueueService.h>

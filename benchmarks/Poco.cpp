@@ -1,6 +1,8 @@
-#include "Failures.h"
+#include "FailureWorks.h"
+#include "Families.h"
 #include "FileWorks.h"
-#include "Programs.h"
+#include "ProgramWorks.h"
+#include "SocketWorks.h"
 #include "Works.h"
 
 #include <Poco/Condition.h>

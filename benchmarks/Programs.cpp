@@ -1,6 +1,7 @@
+#include "Expect.h"
+#include "Factory.h"
 #include "Families.h"
-
-#include "Programs.h"
+#include "ProgramWorks.h"
 
 #include <Kel/System/Ve/IProcessService.h>
 #include <Kel/System/Ve/ISharedLibraryService.h>

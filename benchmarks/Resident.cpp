@@ -1,6 +1,6 @@
 #include "Resident.h"
 
-#include "Families.h"
+#include "Expect.h"
 
 #include <sys/mman.h>
 

@@ -2,10 +2,10 @@
 // is "library", "fork" or "none". The timer's handler writes to memory, as a control loop does: to the pages that a
 // fork has made read-only until then.
 
-#include "Families.h"
+#include "Expect.h"
+#include "Factory.h"
 #include "Resident.h"
 
-#include <Kel/Core/AppDomain.h>
 #include <Kel/System/Ve/IProcessService.h>
 #include <Kel/System/Ve/ITimerService.h>
 
@@ -14,9 +14,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -119,9 +121,6 @@ void Measure(const std::string& way, std::chrono::seconds duration) {
 
 int main(int count, char** arguments) {
     Expect(count == 3);
-    Kel::AppDomain appDomain;
-    Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
-    ServiceFactory::CreateServiceFactory();
+    const FactoryScope factory;
     Measure(arguments[1], std::chrono::seconds(std::atoi(arguments[2])));
-    ServiceFactory::DisposeServiceFactory();
 }

@@ -1,3 +1,5 @@
+#include "Factory.h"
+#include "Families.h"
 #include "TwoThreads.h"
 
 #include <Kel/System/Ve/IThreadService.h>

@@ -2,9 +2,9 @@
 // "bare". Writes the lateness of each period in nanoseconds. It is counted from the first call, which follows the start
 // at once, in both ways.
 
-#include "Families.h"
+#include "Expect.h"
+#include "Factory.h"
 
-#include <Kel/Core/AppDomain.h>
 #include <Kel/System/Ve/ITimerService.h>
 
 #include <pthread.h>
@@ -14,6 +14,8 @@
 #include <time.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -105,16 +107,11 @@ int main(int count, char** arguments) {
     const auto number = [arguments](int index) { return static_cast<unsigned int>(std::atoi(arguments[index])); };
     // As cyclictest does. Without the right to it, it is measured all the same.
     static_cast<void>(mlockall(MCL_CURRENT | MCL_FUTURE));
-    Kel::AppDomain appDomain;
-    Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
-    ServiceFactory::CreateServiceFactory();
-    {
-        Calls calls(number(4) + std::size_t{1});
-        (std::strcmp(arguments[1], "library") == 0 ? &RunLibrary : &RunBare)(calls, number(2), number(3));
-        for (std::size_t i = 1; i < calls.times.size(); ++i) {
-            std::printf("%lld\n", static_cast<long long>(calls.times[i] - calls.times[0] -
-                                                         static_cast<std::int64_t>(i) * period * 1000));
-        }
+    const FactoryScope factory;
+    Calls calls(number(4) + std::size_t{1});
+    (std::strcmp(arguments[1], "library") == 0 ? &RunLibrary : &RunBare)(calls, number(2), number(3));
+    for (std::size_t i = 1; i < calls.times.size(); ++i) {
+        std::printf("%lld\n", static_cast<long long>(calls.times[i] - calls.times[0] -
+                                                     static_cast<std::int64_t>(i) * period * 1000));
     }
-    ServiceFactory::DisposeServiceFactory();
 }

@@ -1,12 +1,14 @@
 #pragma once
 
-#include "Families.h"
+#include "Benchmark.h"
+#include "Expect.h"
 
 #include <pthread.h>
 #include <sched.h>
 
 #include <atomic>
 #include <future>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>

@@ -1,6 +1,8 @@
 #pragma once
 
-#include "Families.h"
+#include "Benchmark.h"
+
+#include <string>
 
 constexpr char place[] = "Operation";
 constexpr char path[] = "/a/path";

@@ -1,9 +1,10 @@
 #pragma once
 
-#include "Families.h"
+#include "Benchmark.h"
 #include "Resident.h"
 
 #include <cstddef>
+#include <string>
 
 constexpr char program[] = "/bin/true";
 constexpr char symbol[] = "Answer";
