@@ -91,30 +91,21 @@ boost::asio::io_context& Context() {
     return context;
 }
 
-struct StreamSocket {
-    explicit StreamSocket(int descriptor) : socket(Context()) {
+template <typename Protocol>
+struct SocketOf {
+    explicit SocketOf(int descriptor) : socket(Context()) {
         // Of a generic protocol only the kind counts once there is a descriptor.
-        socket.assign(boost::asio::generic::stream_protocol(AF_INET, 0), descriptor);
+        socket.assign(Protocol(AF_INET, 0), descriptor);
     }
     std::size_t Send(const void* data, std::size_t length) { return socket.send(boost::asio::buffer(data, length)); }
     std::size_t Receive(void* buffer, std::size_t length) {
         return socket.receive(boost::asio::buffer(buffer, length));
     }
 
-    boost::asio::generic::stream_protocol::socket socket;
+    typename Protocol::socket socket;
 };
-
-struct DatagramSocket {
-    explicit DatagramSocket(int descriptor) : socket(Context()) {
-        socket.assign(boost::asio::generic::datagram_protocol(AF_INET, 0), descriptor);
-    }
-    std::size_t Send(const void* data, std::size_t length) { return socket.send(boost::asio::buffer(data, length)); }
-    std::size_t Receive(void* buffer, std::size_t length) {
-        return socket.receive(boost::asio::buffer(buffer, length));
-    }
-
-    boost::asio::generic::datagram_protocol::socket socket;
-};
+using StreamSocket = SocketOf<boost::asio::generic::stream_protocol>;
+using DatagramSocket = SocketOf<boost::asio::generic::datagram_protocol>;
 
 void RegisterShared() {
     const std::string semaphoreName = UniqueName("kel-bench-");

@@ -71,20 +71,15 @@ struct Event {
     Poco::Event event;
 };
 
-struct StreamSocket : Poco::Net::StreamSocket {
-    explicit StreamSocket(int descriptor) : Poco::Net::StreamSocket(new Poco::Net::StreamSocketImpl(descriptor)) {}
+template <typename PocoSocket, typename Implementation>
+struct SocketOf : PocoSocket {
+    explicit SocketOf(int descriptor) : PocoSocket(new Implementation(descriptor)) {}
 
-    int Send(const void* data, std::size_t length) { return sendBytes(data, static_cast<int>(length)); }
-    int Receive(void* buffer, std::size_t length) { return receiveBytes(buffer, static_cast<int>(length)); }
+    int Send(const void* data, std::size_t length) { return this->sendBytes(data, static_cast<int>(length)); }
+    int Receive(void* buffer, std::size_t length) { return this->receiveBytes(buffer, static_cast<int>(length)); }
 };
-
-struct DatagramSocket : Poco::Net::DatagramSocket {
-    explicit DatagramSocket(int descriptor)
-        : Poco::Net::DatagramSocket(new Poco::Net::DatagramSocketImpl(descriptor)) {}
-
-    int Send(const void* data, std::size_t length) { return sendBytes(data, static_cast<int>(length)); }
-    int Receive(void* buffer, std::size_t length) { return receiveBytes(buffer, static_cast<int>(length)); }
-};
+using StreamSocket = SocketOf<Poco::Net::StreamSocket, Poco::Net::StreamSocketImpl>;
+using DatagramSocket = SocketOf<Poco::Net::DatagramSocket, Poco::Net::DatagramSocketImpl>;
 
 }  // namespace
 
