@@ -1,17 +1,23 @@
-// A TCP server: one thread waits for connections, each connection has a thread of its own. Shutting a socket down ends
-// what waits for it, and with that the server.
+// A TCP server: one thread waits for connections, each connection has a thread of its own. No client can hold it up: a
+// line has to arrive, and its answer to be taken, within a time limit, and at the end each socket is shut down, which
+// wakes whoever waits for it.
 
 #include "Host.h"
 
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Timeout.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/ThreadServiceBase.h>
 
 #include <arpa/inet.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,55 +31,67 @@ using Error = ISocketService::SocketError;
 
 namespace {
 
+constexpr std::chrono::seconds limit(10);
+constexpr std::size_t longestLine = 1000;
+
 Owned<Socket> MakeSocket(ServiceFactory& factory) {
     return Own(factory.CreateSocket(Socket::SocketType::Stream, Socket::SocketDomain::Ipv4,
                                     Socket::SocketBlockingMode::Blocking));
 }
 
-/// A call may take less than it is given.
-bool SendAll(Socket& socket, const std::string& text) {
+/// Returns whether the socket took all of the line. A blocking Send gives up, with less or with -1, when its
+/// SendTimeout has passed and when the socket is shut down.
+bool SendLine(Socket& socket, const std::string& line) {
+    const std::string text = line + "\n";
     Error error{};
-    for (std::size_t sent = 0; sent < text.size();) {
-        const int count = socket.Send(text.data() + sent, static_cast<unsigned int>(text.size() - sent), error);
-        if (count < 0) {
-            return false;
-        }
-        sent += static_cast<std::size_t>(count);
-    }
-    return true;
+    return socket.Send(text.data(), static_cast<unsigned int>(text.size()), error) == static_cast<int>(text.size());
 }
 
-/// Receives up to the end of a line, or, for as long as something comes within ten seconds, of the stream.
-std::string ReceiveLine(Socket& socket) {
+/// Returns the next line; nothing when the stream has ended, the line is too long or not complete within the limit.
+/// That is for the whole line: if each byte had it, a client could keep the thread for ever.
+std::optional<std::string> ReceiveLine(Socket& socket) {
+    const auto deadline = Adapters::DeadlineAfter(limit);
     std::string line;
     Error error{};
     char byte = 0;
-    while (socket.Poll(Socket::PollMode::Readable, 10000, error) == 1 && error == Error::Success &&
-           socket.Recv(&byte, 1, error) == 1 && byte != '\n') {
+    while (line.size() < longestLine &&
+           socket.Poll(Socket::PollMode::Readable, Adapters::MillisecondsUntil(deadline), error) == 1 &&
+           error == Error::Success && socket.Recv(&byte, 1, error) == 1) {
+        if (byte == '\n') {
+            return line;
+        }
         line += byte;
     }
-    return line;
+    return std::nullopt;
 }
 
 class Connection {
 public:
     Connection(ServiceFactory& factory, Owned<Socket> accepted)
         : socket(std::move(accepted)), thread(Own(factory.CreateThread(&Serve, socket.get()))) {
+        const timeval sendTimeout{limit.count(), 0};
+        socket->SetSockOpt(Socket::SocketOptionName::SendTimeout, &sendTimeout, sizeof sendTimeout);
         thread->StartThread();
     }
+    ~Connection() { socket->Shutdown(); }  // ends the thread, for which its deletion waits
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
 
     bool HasEnded() const { return !thread->Joinable(); }
 
 private:
-    /// Answers each line with the same in capitals, until the client closes.
+    /// Answers each line with the same in capitals.
     static void* Serve(void* argument) {
         auto& socket = *static_cast<Socket*>(argument);
-        for (std::string line = ReceiveLine(socket); !line.empty(); line = ReceiveLine(socket)) {
-            for (char& letter : line) {
+        while (std::optional<std::string> line = ReceiveLine(socket)) {
+            for (char& letter : *line) {
                 letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
             }
-            SendAll(socket, line + "\n");
+            if (!SendLine(socket, *line)) {
+                break;
+            }
         }
+        socket.Shutdown();  // the client sees the end now; the socket is closed later, with this object
         return nullptr;
     }
 
@@ -89,15 +107,17 @@ void* RunServer(void* argument) {
     int port = 0;
     // Until this side shuts the listener down: then the error is Shutdown.
     while (listener.Poll(Socket::PollMode::Acceptable, 0xFFFFFFFF, error) == 1 && error == Error::Success) {
-        if (auto accepted = Own(listener.Accept(address, port, error))) {
-            const auto hasEnded = [](const auto& connection) { return connection->HasEnded(); };
-            connections.erase(std::remove_if(connections.begin(), connections.end(), hasEnded), connections.end());
-            try {
-                connections.push_back(
-                    std::make_unique<Connection>(*ServiceFactory::GetInstance(), std::move(accepted)));
-            } catch (const Exceptions::VeException& exception) {
-                std::cerr << exception.GetMessage() << "\n";  // no more threads: the client's connection is closed
-            }
+        auto accepted = Own(listener.Accept(address, port, error));
+        const auto hasEnded = [](const auto& connection) { return connection->HasEnded(); };
+        connections.erase(std::remove_if(connections.begin(), connections.end(), hasEnded), connections.end());
+        if (!accepted) {
+            Internal::ThreadServiceBase::Sleep(100);  // no descriptor is free, and Poll would return at once
+            continue;
+        }
+        try {
+            connections.push_back(std::make_unique<Connection>(*ServiceFactory::GetInstance(), std::move(accepted)));
+        } catch (const Exceptions::VeException& exception) {
+            std::cerr << exception.GetMessage() << "\n";  // no more threads: the client's connection is closed
         }
     }
     return nullptr;
@@ -114,10 +134,11 @@ bool Run(ServiceFactory& factory) {
     server->StartThread();
 
     std::string answers;
+    std::vector<Owned<Socket>> clients;  // still connected when the server ends
     for (const char* const question : {"how do", "you do", "server"}) {
-        const auto client = MakeSocket(factory);
-        if (client->Connect(loopback, port) == 0 && SendAll(*client, std::string(question) + "\n")) {
-            answers += ReceiveLine(*client) + " ";
+        Socket& client = *clients.emplace_back(MakeSocket(factory));
+        if (client.Connect(loopback, port) == 0 && SendLine(client, question)) {
+            answers += ReceiveLine(client).value_or("nothing") + " ";
         }
     }
     listener->Shutdown();
