@@ -16,7 +16,8 @@ public:
     /// Counts one less; wraps below zero.
     void DecrementNumOfObjects() { --numOfObjects; }
 
-    /// The number of service objects alive now, not of those ever created.
+    /// The number of service objects alive now, not of those ever created. A thread that has been started counts as
+    /// two, with its semaphore; a timer as three, with its mutex and its condition variable.
     std::uint32_t GetNumOfObjectsCreated() const { return numOfObjects; }
     /// Always 0.
     std::uint32_t GetTotalMemory() const { return totalMemory; }
