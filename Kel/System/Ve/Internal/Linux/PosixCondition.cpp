@@ -8,28 +8,21 @@ namespace Kel::System::Ve::Internal::Linux {
 
 namespace {
 
-// A thread that is cancelled while it waits holds the mutex when it unwinds, but is not told that the holder before it
-// has died. If that were left so, the mutex would be lost to all with its next unlocking.
-class MutexRecovery {
-public:
-    explicit MutexRecovery(PosixMutex& waited) : mutex(waited) {}
-    ~MutexRecovery() {
-        if (isWaiting) {
-            mutex.Recover(EOWNERDEAD);
-        }
-    }
-    MutexRecovery(const MutexRecovery&) = delete;
-    MutexRecovery& operator=(const MutexRecovery&) = delete;
+void MakeConsistent(void* mutex) { pthread_mutex_consistent(static_cast<pthread_mutex_t*>(mutex)); }
 
-    int Ends(int code) {
-        isWaiting = false;
-        return mutex.Recover(code);
+// A wait ends with the mutex held, also when the mutex's last holder has died, and also when the thread is cancelled,
+// which is not told of that. An inconsistent mutex would be lost to all with the next unlock.
+template <typename Wait>
+int WaitConsistently(PosixMutex& mutex, Wait wait) {
+    int code = 0;
+    pthread_cleanup_push(&MakeConsistent, mutex.GetNativeHandle());
+    code = wait(mutex.GetNativeHandle());
+    pthread_cleanup_pop(code == EOWNERDEAD ? 1 : 0);
+    if (code == EOWNERDEAD) {
+        errno = code;
     }
-
-private:
-    PosixMutex& mutex;
-    bool isWaiting = true;
-};
+    return code;
+}
 
 }  // namespace
 
@@ -44,13 +37,12 @@ void InitCondition(pthread_cond_t& condition, pthread_condattr_t& attributes, in
 }
 
 int WaitForCondition(pthread_cond_t& condition, PosixMutex& mutex) {
-    MutexRecovery recovery(mutex);
-    return recovery.Ends(pthread_cond_wait(&condition, mutex.GetNativeHandle()));
+    return WaitConsistently(mutex, [&](pthread_mutex_t* held) { return pthread_cond_wait(&condition, held); });
 }
 
 int WaitForCondition(pthread_cond_t& condition, PosixMutex& mutex, const timespec& deadline) {
-    MutexRecovery recovery(mutex);
-    return recovery.Ends(pthread_cond_timedwait(&condition, mutex.GetNativeHandle(), &deadline));
+    return WaitConsistently(mutex,
+                            [&](pthread_mutex_t* held) { return pthread_cond_timedwait(&condition, held, &deadline); });
 }
 
 }  // namespace Kel::System::Ve::Internal::Linux

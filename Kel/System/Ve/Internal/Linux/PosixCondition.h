@@ -12,8 +12,8 @@ namespace Kel::System::Ve::Internal::Linux {
 void InitCondition(pthread_cond_t& condition, pthread_condattr_t& attributes, int processShared);
 
 /// @{
-/// Waits, without end or until a time on the monotonic clock; returns the code of the call. A mutex whose holder has
-/// died meanwhile is made good. Cancellation points; the mutex is held and good then, too.
+/// Waits, without limit or until a time on the monotonic clock. Returns the code of the call; EOWNERDEAD is in errno,
+/// too. Cancellation points. The mutex is held afterwards, and consistent, whatever has become of its last holder.
 int WaitForCondition(pthread_cond_t& condition, PosixMutex& mutex);
 int WaitForCondition(pthread_cond_t& condition, PosixMutex& mutex, const timespec& deadline);
 /// @}

@@ -7,6 +7,17 @@
 
 namespace Kel::System::Ve::Internal::Linux {
 
+namespace {
+
+// For a mutex that has been acquired with EOWNERDEAD. Leaves that in errno, too, whose text some operations give.
+[[gnu::cold, gnu::noinline]] void RecoverAndUnlock(pthread_mutex_t& mutex) {
+    pthread_mutex_consistent(&mutex);
+    pthread_mutex_unlock(&mutex);
+    errno = EOWNERDEAD;
+}
+
+}  // namespace
+
 void PosixMutex::Init(bool recursive, int processShared) {
     CheckReturnedCode(pthread_mutexattr_init(&attributes), "{0}: Could not initialize mutex attribute: {1}");
     CheckReturnedCode(
@@ -35,22 +46,12 @@ bool PosixMutex::IsRecursive() const {
     return type == PTHREAD_MUTEX_RECURSIVE;
 }
 
-int PosixMutex::Recover(int code) {
-    if (code == EOWNERDEAD) {
-        pthread_mutex_consistent(&mutex);
-        errno = code;
-    }
-    return code;
-}
-
-int PosixMutex::ReleaseDeadOnes() {
-    const int code = Recover(EOWNERDEAD);
-    pthread_mutex_unlock(&mutex);
-    return code;
-}
-
 void PosixMutex::Lock() {
-    CheckReturnedCode(Release(pthread_mutex_lock(&mutex)), "{0}: Mutex could not be locked: {1}");
+    const int code = pthread_mutex_lock(&mutex);
+    if (code == EOWNERDEAD) {
+        RecoverAndUnlock(mutex);
+    }
+    CheckReturnedCode(code, "{0}: Mutex could not be locked: {1}");
 }
 
 int PosixMutex::TimedLock(unsigned int timeoutMs) {
@@ -61,24 +62,29 @@ int PosixMutex::TimedLock(unsigned int timeoutMs) {
         TimeoutConversion::Convert(timeoutMs, deadline, TimeoutConversion::Realtime);
         code = pthread_mutex_timedlock(&mutex, &deadline);
     }
-    code = Release(code);
     if (code == 0) {
         return 0;
     }
     if (code == ETIMEDOUT) {
         return -1;
     }
+    if (code == EOWNERDEAD) {
+        RecoverAndUnlock(mutex);
+    }
     // The text is that of errno, which the call leaves alone.
     ThrowFailure(errno, "{0}: Mutex could not be timelocked: {1}");
 }
 
 bool PosixMutex::TryLock() {
-    const int code = Release(pthread_mutex_trylock(&mutex));
+    const int code = pthread_mutex_trylock(&mutex);
     if (code == 0) {
         return true;
     }
     if (code == EBUSY) {
         return false;
+    }
+    if (code == EOWNERDEAD) {
+        RecoverAndUnlock(mutex);
     }
     // The text is that of errno, which the call leaves alone.
     ThrowFailure(errno, "{0}: Mutex could not be trylocked: {1}");
