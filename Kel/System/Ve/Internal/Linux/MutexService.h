@@ -6,7 +6,9 @@
 
 namespace Kel::System::Ve::Internal::Linux {
 
-/// The mutex service on Linux. What `Init` and `Destroy` throw is a VeException.
+/// The mutex service on Linux. What `Init` and `Destroy` throw is a VeException. "Owner died" can come of a mutex that
+/// was initialised with `InterProcess`, from Lock, TimedLock and TryLock, and from a wait for a condition variable: as
+/// with `IpcMutexService`.
 class KEL_API MutexService final : public MutexServiceBase {
 public:
     /// Who may use the mutex.
@@ -22,8 +24,8 @@ public:
     /// Makes the mutex; called once, right after construction.
     void Init(bool recursive, Shared shared);
 
-    /// Destroys what `Init` has made; does nothing when that failed, or once it is done. Called by the destructor,
-    /// where a failure, as for a mutex that is held, ends the process.
+    /// Destroys what `Init` has made; does nothing when that failed, or once it is done. Throws when the mutex is held,
+    /// which goes on working. Called by the destructor, where a failure ends the process.
     void Destroy();
 
     bool IsRecursive() const override;

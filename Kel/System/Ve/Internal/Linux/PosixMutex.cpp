@@ -16,6 +16,26 @@ namespace {
     errno = EOWNERDEAD;
 }
 
+bool IsRobust(const pthread_mutexattr_t& attributes) {
+    int robustness = PTHREAD_MUTEX_STALLED;
+    pthread_mutexattr_getrobust(&attributes, &robustness);
+    return robustness == PTHREAD_MUTEX_ROBUST;
+}
+
+bool IsHeld(pthread_mutex_t& mutex) {
+    const int code = pthread_mutex_trylock(&mutex);
+    if (code == EOWNERDEAD) {
+        RecoverAndUnlock(mutex);
+    }
+    if (code != 0) {
+        return code == EBUSY;
+    }
+    // A recursive mutex is locked once more for its holder.
+    const bool isHeldByCaller = mutex.__data.__count > 1;
+    pthread_mutex_unlock(&mutex);
+    return isHeldByCaller;
+}
+
 }  // namespace
 
 void PosixMutex::Init(bool recursive, int processShared) {
@@ -36,6 +56,10 @@ void PosixMutex::Init(bool recursive, int processShared) {
 }
 
 void PosixMutex::Destroy() {
+    // The C library destroys a robust mutex whoever holds it.
+    if (IsRobust(attributes) && IsHeld(mutex)) {
+        ThrowFailure(EBUSY, "{0}: Mutex could not be destroyed: {1}");
+    }
     CheckReturnedCode(pthread_mutexattr_destroy(&attributes), "{0}: Could not destroy mutex attribute: {1}");
     CheckReturnedCode(pthread_mutex_destroy(&mutex), "{0}: Mutex could not be destroyed: {1}");
 }

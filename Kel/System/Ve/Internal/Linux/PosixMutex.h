@@ -15,7 +15,7 @@ class KEL_API PosixMutex {
 public:
     /// `processShared` is PTHREAD_PROCESS_SHARED or PTHREAD_PROCESS_PRIVATE.
     void Init(bool recursive, int processShared);
-    /// Destroys it; it must not be held.
+    /// Destroys it. Throws, and changes nothing, when it is held (EBUSY).
     void Destroy();
 
     /// @{
