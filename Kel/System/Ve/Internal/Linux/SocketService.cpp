@@ -18,6 +18,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -95,6 +96,36 @@ int GetResultOption(ISocketService& socket, ISocketService::SocketOptionName opt
     return status;
 }
 
+// A number beyond the process's table of descriptors would need a set of any length, and select would ignore it.
+bool CanBeSelected(int descriptor) {
+    return descriptor >= 0 && (descriptor < FD_SETSIZE || fcntl(descriptor, F_GETFD) != -1);
+}
+
+// A set of one descriptor. An fd_set ends at 1024; the kernel takes a longer one.
+class DescriptorSet {
+public:
+    explicit DescriptorSet(int descriptor) {
+        const auto bit = static_cast<unsigned int>(descriptor);
+        if (bit >= FD_SETSIZE) {
+            many.resize(bit / bitsPerWord + 1);
+            words = many.data();
+        }
+        words[bit / bitsPerWord] = static_cast<fd_mask>(1UL << (bit % bitsPerWord));
+    }
+
+    DescriptorSet(const DescriptorSet&) = delete;
+    DescriptorSet& operator=(const DescriptorSet&) = delete;
+
+    fd_set* Get() { return reinterpret_cast<fd_set*>(words); }
+
+private:
+    static constexpr unsigned int bitsPerWord = NFDBITS;
+
+    std::array<fd_mask, FD_SETSIZE / bitsPerWord> few{};
+    std::vector<fd_mask> many;
+    fd_mask* words = few.data();
+};
+
 template <typename Address>
 std::unique_ptr<ISocketService> AcceptFrom(int listener, Address& peer, ISocketService::SocketError& error) {
     socklen_t length = sizeof peer;
@@ -127,7 +158,7 @@ SocketService::SocketService(void* handle)
       SocketServiceBase(SocketType{}, SocketDomain{}),
       socketDescriptor(handle != nullptr ? *static_cast<const int*>(handle) : -1),
       isAbstract(true) {
-    if (socketDescriptor != -1) {
+    if (socketDescriptor >= 0) {
         fcntl(socketDescriptor, F_SETFD, FD_CLOEXEC);
     }
 }
@@ -355,31 +386,26 @@ int SocketService::Select(SelectMode mode, unsigned int timeoutMicroseconds, Soc
         return Refuse(SocketError::NotSock, error);
     }
 
-    const bool reads = mode == SelectMode::Readable || mode == SelectMode::Acceptable;
-    const bool writes = mode == SelectMode::Writable || mode == SelectMode::Connected;
-    // There is nothing to wait for, but for the time.
-    if (descriptor == -1 && (reads || writes || timeoutMicroseconds == withoutLimit)) {
-        return Refuse(TranslateError(EBADF), error);
-    }
-    // An fd_set ends at 1024; the kernel takes a longer one.
-    constexpr int bitsPerWord = NFDBITS;
-    std::array<fd_mask, FD_SETSIZE / bitsPerWord> few{};
-    std::vector<fd_mask> many;
-    fd_mask* words = few.data();
-    if (reads || writes) {
-        if (descriptor >= FD_SETSIZE) {
-            many.resize(static_cast<std::size_t>(descriptor / bitsPerWord) + 1);
-            words = many.data();
-        }
-        words[descriptor / bitsPerWord] =
-            static_cast<fd_mask>(1UL << static_cast<unsigned int>(descriptor % bitsPerWord));
-    }
-    auto* const set = reinterpret_cast<fd_set*>(words);
     timeval limit{static_cast<time_t>(timeoutMicroseconds / 1000000),
                   static_cast<suseconds_t>(timeoutMicroseconds % 1000000)};
-    const int result = Count(select(descriptor + 1, reads ? set : nullptr, writes ? set : nullptr, nullptr,
-                                    timeoutMicroseconds == withoutLimit ? nullptr : &limit),
-                             error);
+    timeval* const timeout = timeoutMicroseconds == withoutLimit ? nullptr : &limit;
+    const bool reads = mode == SelectMode::Readable || mode == SelectMode::Acceptable;
+    const bool writes = mode == SelectMode::Writable || mode == SelectMode::Connected;
+    int result = 0;
+    if (reads || writes) {
+        if (!CanBeSelected(descriptor)) {
+            return Refuse(TranslateError(EBADF), error);
+        }
+        DescriptorSet set(descriptor);
+        result = Count(
+            select(descriptor + 1, reads ? set.Get() : nullptr, writes ? set.Get() : nullptr, nullptr, timeout), error);
+    } else {
+        // Without a descriptor nothing would ever end a wait without limit.
+        if (descriptor < 0 && timeout == nullptr) {
+            return Refuse(TranslateError(EBADF), error);
+        }
+        result = Count(select(0, nullptr, nullptr, nullptr, timeout), error);
+    }
     return isClosed ? Refuse(SocketError::NotSock, error) : result;
 }
 
@@ -402,7 +428,7 @@ int SocketService::Poll(PollMode mode, unsigned int timeoutMilliseconds, SocketE
     polled.fd = socketDescriptor;
     const int timeout = static_cast<int>(timeoutMilliseconds);
     // Without a descriptor nothing would ever end a wait without limit.
-    if (isClosed || (polled.fd == -1 && timeout < 0)) {
+    if (isClosed || (timeout < 0 && polled.fd < 0)) {
         return Refuse(SocketError::NotSock, error);
     }
 
@@ -466,7 +492,7 @@ bool SocketService::CheckConnectionReset(int descriptor) const {
 int SocketService::Close() {
     const int descriptor = socketDescriptor;
     // Of several threads one closes: a second time would close whatever has got the number since.
-    if (descriptor == -1 || isClosing.exchange(true)) {
+    if (descriptor < 0 || isClosing.exchange(true)) {
         return 0;
     }
     if (socketDomain == SocketDomain::Local) {

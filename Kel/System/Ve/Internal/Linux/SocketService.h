@@ -18,8 +18,8 @@ public:
     /// live that a local socket connects to.
     SocketService(SocketType type, SocketDomain domain, SocketBlockingMode blockingMode, bool abstract);
 
-    /// Takes over the descriptor (an int) that `handle` points to, from now on its owner; null for none. The socket has
-    /// no type and no domain, and its descriptor is closed in programs that this process starts.
+    /// Takes over the descriptor (an int) that `handle` points to, from now on its owner; null or a negative number for
+    /// none. The socket has no type and no domain, and its descriptor is closed in programs that this process starts.
     explicit SocketService(void* handle);
 
     /// Closes the socket. Ends the process when the file of a local socket cannot be removed.
@@ -82,6 +82,7 @@ private:
     /// What the events that poll has reported mean.
     SocketError Judge(const pollfd& polled) const;
 
+    // Negative when there is none.
     std::atomic<int> socketDescriptor{-1};
     bool isAbstract;
     // Held by the one Close that closes.
