@@ -63,8 +63,6 @@ void ServiceFactory::CreateServiceFactory() {
 }
 
 void ServiceFactory::DisposeServiceFactory() {
-    // Writing the report is a cancellation point.
-    const CancellationDisabled disabled;
     AppDomain& appDomain = Singleton<AppDomain>::GetInstance();
     // Withdrawn before it is deleted: nobody finds a factory that is being destroyed, and of two disposals at the same
     // time one deletes it.
@@ -139,6 +137,8 @@ void ServiceFactory::PrintAllNotDestroyedServiceObjects() {
     if (objects.empty()) {
         return;
     }
+    // Cancelled while it writes, the thread would leave the report incomplete and the stream in a failed state.
+    const CancellationDisabled disabled;
     // The count has no base of its own: it is decimal until a report has left the stream hexadecimal.
     std::cout << "WARN: " << objects.size() << " service objects were not destroyed:" << std::endl;
     for (const auto& [object, debugData] : objects) {

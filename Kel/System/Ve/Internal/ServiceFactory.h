@@ -14,7 +14,9 @@
 
 namespace Kel::System::Ve::Internal {
 
-/// The process's one factory, found through `GetInstance()`, and its registry of all live service objects.
+/// The process's one factory, found through `GetInstance()`, and its registry of all live service objects. Thread-safe,
+/// but for what takes no lock: the leak report, `GetStatistics` and `GetRegisteredServiceObjects` are for times at
+/// which no other thread makes or deletes service objects.
 class KEL_API ServiceFactory : public IServiceFactory, public AppDomainSingleton<ServiceFactory> {
 public:
     /// The registry: each live service object, and a place for a text about it.
@@ -32,25 +34,25 @@ public:
     ~ServiceFactory() override;
 
     /// Enters a service object into the registry; called by the object itself. Null is ignored. An object that is
-    /// registered again is counted again. Thread-safe.
+    /// registered again is counted again.
     void RegisterServiceObject(IServiceObject* object);
 
     /// Removes a service object from the registry; called by the object itself. Null is ignored. An object that is not
-    /// registered is counted down all the same. Thread-safe.
+    /// registered is counted down all the same.
     void ReleaseServiceObject(IServiceObject* object);
 
     /// Writes the leak report to standard output: how many service objects are alive, and a line for each. Writes
-    /// nothing when there are none. The stream's base is left hexadecimal. Takes no lock: for the end of the process,
-    /// when no other thread makes or deletes objects. Throws `Kel::Exception` at an object whose type has no name.
+    /// nothing when there are none. The stream's base is left hexadecimal. Takes no lock. Not a cancellation point.
+    /// Throws `Kel::Exception` at an object whose type has no name.
     void PrintAllNotDestroyedServiceObjects();
 
     /// The version of the library.
     BasicVersion GetVersion() const { return version; }
 
-    /// The counters themselves, unlocked.
+    /// The counters themselves; takes no lock.
     const ServiceManagerStatistics& GetStatistics() const { return statistics; }
 
-    /// The registry itself, unlocked.
+    /// The registry itself; takes no lock.
     const ServiceObjects& GetRegisteredServiceObjects() const { return registeredObjects; }
 
 protected:
