@@ -8,8 +8,9 @@
 #include <link.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
-#include <string>
 
 namespace Kel::System::Ve::Internal {
 
@@ -28,12 +29,6 @@ using Exceptions::VeException;
 
 namespace {
 
-// Looks for the module with a certain dynamic section, which it has for itself; of load addresses, many are 0.
-struct ModuleSearch {
-    const ElfW(Dyn) * dynamicSection;
-    dl_phdr_info found;
-};
-
 bool HasDynamicSection(const dl_phdr_info& module, const ElfW(Dyn) * dynamicSection) {
     return std::any_of(module.dlpi_phdr, module.dlpi_phdr + module.dlpi_phnum, [&](const ElfW(Phdr) & header) {
         return header.p_type == PT_DYNAMIC &&
@@ -41,7 +36,14 @@ bool HasDynamicSection(const dl_phdr_info& module, const ElfW(Dyn) * dynamicSect
     });
 }
 
-int Compare(dl_phdr_info* module, std::size_t /*size*/, void* argument) {
+// A module is known by its dynamic section: several may have the load address 0.
+struct ModuleSearch {
+    const ElfW(Dyn) * dynamicSection;
+    dl_phdr_info found;
+};
+
+// For dl_iterate_phdr, which goes on to the next module for as long as this returns 0.
+int FindModule(dl_phdr_info* module, std::size_t /*size*/, void* argument) {
     auto& search = *static_cast<ModuleSearch*>(argument);
     if (!HasDynamicSection(*module, search.dynamicSection)) {
         return 0;
@@ -64,10 +66,10 @@ void SharedLibraryService::Load(const BasicString& path) {
     std::replace(converted.begin(), converted.end(), '\\', '/');
     handle = dlopen(converted.c_str(), RTLD_NOW | RTLD_GLOBAL);
     if (handle == nullptr) {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): each thread has a text of its own.
-        const std::string error = dlerror();
-        throw VeException(
-            FinishedText{"Loading of the shared library '" + converted + "' failed with error '" + error + "'"});
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): each thread has a text of its own, or null.
+        const char* const error = dlerror();
+        throw VeException(FinishedText{"Loading of the shared library '" + converted + "' failed with error '" +
+                                       (error != nullptr ? error : "") + "'"});
     }
     try {
         LockMemory();
@@ -84,7 +86,7 @@ void SharedLibraryService::LockMemory() {
     }
     // The loader's records of the program headers: the file's header need not be mapped at the load address.
     ModuleSearch search{map->l_ld, {}};
-    if (dl_iterate_phdr(&Compare, &search) == 0) {
+    if (dl_iterate_phdr(&FindModule, &search) == 0) {
         return;
     }
     const dl_phdr_info& module = search.found;
