@@ -53,6 +53,32 @@ void CheckWrites(IFileService::FileAccess access, const char* mode) {
     }
 }
 
+// The mode of fopen: "e" closes the descriptor in other programs, "x" refuses what exists. Null when there is no such
+// file mode.
+const char* StreamMode(IFileService::FileMode mode, IFileService::FileAccess access) {
+    using FileMode = IFileService::FileMode;
+    switch (mode) {
+        case FileMode::CreateNew:
+            CheckWrites(access, "CreateNew");
+            return "w+bxe";
+        case FileMode::Create:
+            CheckWrites(access, "Create");
+            return "w+be";
+        case FileMode::Open:
+            return access == IFileService::FileAccess::Read ? "rbe" : "r+be";
+        case FileMode::OpenOrCreate:
+            return "r+be";
+        case FileMode::Truncate:
+            CheckWrites(access, "Truncate");
+            // Must exist: it is emptied once that is known.
+            return "r+be";
+        case FileMode::Append:
+            CheckWrites(access, "Append");
+            return "a+be";
+    }
+    return nullptr;
+}
+
 // The pairs of exceptions and texts are as they are meant to be.
 [[noreturn]] void ThrowNotOpened(const BasicString& path, int errorNumber) {
     switch (errorNumber) {
@@ -104,56 +130,28 @@ FileService::~FileService() {
 }
 
 void FileService::Open(const BasicString& path, FileMode mode, FileAccess access) {
-    // The new access holds from here, also for a stream that stays open because of what is refused below.
-    const FileAccess accessBefore = std::exchange(fileAccess, access);
+    // The new access holds from here on, also for a stream that stays open because of what is refused below.
+    const FileAccess previousAccess = std::exchange(fileAccess, access);
     if (access != FileAccess::Read && access != FileAccess::Write && access != FileAccess::ReadWrite) {
         throw VeException("{0}: Invalid access mode.", __func__);
     }
-    // In the modes, "e" closes the descriptor in other programs, "x" refuses what exists.
-    const auto open = [&](const char* streamMode) {
+    const char* const streamMode = StreamMode(mode, access);
+    if (mode == FileMode::CreateNew && Exists(path)) {
+        throw AlreadyExistsException(pathExists, path);
+    }
+    // A mode that does not exist leaves open what is open. If nothing is, errno is whatever it was.
+    if (streamMode != nullptr) {
         if (pFile != nullptr) {
-            fileAccess = accessBefore;
-            Close();
-            fileAccess = access;
+            CloseStream(previousAccess);
         }
         pFile = fopen(path.c_str(), streamMode);
-    };
-    switch (mode) {
-        case FileMode::CreateNew:
-            CheckWrites(access, "CreateNew");
-            if (Exists(path)) {
-                throw AlreadyExistsException(pathExists, path);
-            }
-            open("w+bxe");
-            break;
-        case FileMode::Create:
-            CheckWrites(access, "Create");
-            open("w+be");
-            break;
-        case FileMode::Open:
-            open(access == FileAccess::Read ? "rbe" : "r+be");
-            break;
-        case FileMode::OpenOrCreate:
-            open("r+be");
-            if (pFile == nullptr && errno == ENOENT) {
-                pFile = CreateIfMissing(path);
-            }
-            break;
-        case FileMode::Truncate:
-            CheckWrites(access, "Truncate");
-            open("r+be");
-            if (pFile != nullptr) {
-                Close();
-                open("w+be");
-            }
-            break;
-        case FileMode::Append:
-            CheckWrites(access, "Append");
-            open("a+be");
-            break;
-        default:
-            // Whatever is open stays so; if nothing is, errno is whatever it was.
-            break;
+        if (pFile == nullptr && mode == FileMode::OpenOrCreate && errno == ENOENT) {
+            pFile = CreateIfMissing(path);
+        }
+        if (pFile != nullptr && mode == FileMode::Truncate) {
+            Close();
+            pFile = fopen(path.c_str(), "w+be");
+        }
     }
     if (pFile == nullptr) {
         ThrowNotOpened(path, errno);
@@ -174,23 +172,26 @@ int FileService::Flush() {
 }
 
 int FileService::Close() {
+    CheckOpen(pFile);
+    return CloseStream(fileAccess);
+}
+
+int FileService::CloseStream(FileAccess access) {
     // Cancelled half-way, the thread would lose the stream.
     const CancellationDisabled disabled;
-    std::FILE* const stream = CheckOpen(pFile);
+    std::FILE* const stream = std::exchange(pFile, nullptr);
     // Once flushing has failed, fclose knows nothing of what was lost.
     int flushed = 0;
-    if (fileAccess != FileAccess::Read && syncOnClose) {
-        flushed = Flush();
+    if (access != FileAccess::Read && syncOnClose) {
+        flushed = fflush(stream);
         const int descriptor = fileno(stream);
         if (descriptor == -1 || fsync(descriptor) == -1) {
             const int errorNumber = errno;
-            pFile = nullptr;
             static_cast<void>(fclose(stream));
             ThrowFailure(errorNumber,
-                         descriptor == -1 ? "{0}: Could not determine filedescriptor to stream." : syncFailed);
+                         descriptor == -1 ? "{0}: Could not determine filedescriptor to stream." : syncFailed, "Close");
         }
     }
-    pFile = nullptr;
     const int closed = fclose(stream);
     return closed != 0 ? closed : flushed;
 }
