@@ -37,17 +37,23 @@ Locked LockForWriting(pthread_rwlock_t& lock) {
     return Locked(&lock);
 }
 
+// Of types with names at different addresses.
+[[gnu::noinline]] bool IsBefore(std::type_index left, std::type_index right) {
+    const int order = std::strcmp(left.name(), right.name());
+    // Types that are local to different source files may have the same name.
+    return order != 0 ? order < 0 : left != right && std::less<>()(left.name(), right.name());
+}
+
 }  // namespace
+
+// Each making and deleting of an object looks for the factory, whose name is nearly always at one address.
+inline bool AppDomain::TypeOrder::operator()(std::type_index left, std::type_index right) const {
+    return left.name() != right.name() && IsBefore(left, right);
+}
 
 // One pointer for the whole process: hosts, the library and other libraries all bind to this definition.
 template <>
 AppDomain* Singleton<AppDomain>::pInstance = nullptr;
-
-bool AppDomain::TypeOrder::IsBefore(std::type_index left, std::type_index right) {
-    const int order = std::strcmp(left.name(), right.name());
-    // Types that are local to different source files may have the same name, but not at the same address.
-    return order != 0 ? order < 0 : left != right && std::less<>()(left.name(), right.name());
-}
 
 AppDomain::AppDomain() { Check(pthread_rwlock_init(&lock, nullptr)); }
 

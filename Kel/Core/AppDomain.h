@@ -36,14 +36,10 @@ public:
     void RemoveWithdrawn(std::type_index type);
 
 private:
-    // By name: the order of `std::type_index` itself contradicts itself on 32-bit ARM when one of two types is local to
-    // its source file, and then one type's instance is found for the other.
+    // By name: on 32-bit ARM the order of `std::type_index` contradicts itself when one of two types is local to its
+    // source file, and then one type's instance is found for the other.
     struct TypeOrder {
-        bool operator()(std::type_index left, std::type_index right) const {
-            // Most are found by the same name at the same address, and each making and deleting of an object looks.
-            return left.name() != right.name() && IsBefore(left, right);
-        }
-        static bool IsBefore(std::type_index left, std::type_index right);
+        bool operator()(std::type_index left, std::type_index right) const;
     };
 
     std::map<std::type_index, void*, TypeOrder> singletons;
