@@ -17,12 +17,13 @@ namespace {
 
 constexpr mode_t forAll = 0666;
 
-// For calls that return -1 and leave the number of an error in errno.
-void CheckErrno(int result, const char* message, const BasicString& name,
-                const char* operation = __builtin_FUNCTION()) {
+// For calls that return -1 and leave the number of an error in errno. The message's {0} is the operation, then come the
+// arguments and the text of the error.
+template <typename... Arguments>
+void CheckCall(int result, const char* message, const char* operation, const Arguments&... arguments) {
     if (result == -1) {
         const int errorNumber = errno;
-        throw Exception(message, operation, name, ErrorText(errorNumber));
+        throw Exception(message, operation, arguments..., ErrorText(errorNumber));
     }
 }
 
@@ -51,41 +52,38 @@ SharedMemoryService::~SharedMemoryService() {
 
 void SharedMemoryService::Create() {
     descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, forAll);
-    CheckErrno(descriptor, "{0}: Shared Memory <{1}> could not be created: {2}", name);
+    CheckCall(descriptor, "{0}: Shared Memory <{1}> could not be created: {2}", __func__, name);
     TruncateMemory();
     MapMemory();
 }
 
 void SharedMemoryService::Open() {
     descriptor = shm_open(name.c_str(), O_RDWR, forAll);
-    CheckErrno(descriptor, "{0}: Shared Memory <{1}> could not be opened: {2}", name);
+    CheckCall(descriptor, "{0}: Shared Memory <{1}> could not be opened: {2}", __func__, name);
     MapMemory();
 }
 
 void SharedMemoryService::TruncateMemory() {
-    if (ftruncate(descriptor, size) == -1) {
-        const int errorNumber = errno;
-        throw Exception("{0}: Shared Memory <{1}> could not be truncated to {2} length: {3}", __func__, name, size,
-                        ErrorText(errorNumber));
-    }
+    CheckCall(ftruncate(descriptor, size), "{0}: Shared Memory <{1}> could not be truncated to {2} length: {3}",
+              __func__, name, size);
 }
 
 void SharedMemoryService::MapMemory() {
     address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
-    CheckErrno(address == MAP_FAILED ? -1 : 0, "{0}: Shared Memory <{1}> could not be mapped: {2}", name);
+    CheckCall(address == MAP_FAILED ? -1 : 0, "{0}: Shared Memory <{1}> could not be mapped: {2}", __func__, name);
 }
 
 void SharedMemoryService::Close() {
     // Of several threads one closes: a second time would close whatever has got the number since.
     const int open = descriptor.exchange(0);
     if (open != 0) {
-        CheckErrno(CloseDescriptor(open), "{0}: Shared Memory <{1}> could not be closed: {2}", name);
+        CheckCall(CloseDescriptor(open), "{0}: Shared Memory <{1}> could not be closed: {2}", __func__, name);
     }
 }
 
 void SharedMemoryService::Unlink() {
     if (descriptor.exchange(0) != 0) {
-        CheckErrno(shm_unlink(name.c_str()), "{0}: Shared Memory <{1}> could not be unlinked: {2}", name);
+        CheckCall(shm_unlink(name.c_str()), "{0}: Shared Memory <{1}> could not be unlinked: {2}", __func__, name);
     }
 }
 
