@@ -20,12 +20,12 @@ public:
         CreateNew = 1,     ///< creates; AlreadyExistsException when it exists
         Create = 2,        ///< creates, or empties what exists
         Open = 3,          ///< NotExistException when it does not exist
-        OpenOrCreate = 4,  ///< always to read and to write, whatever the access
+        OpenOrCreate = 4,  ///< always as `ReadWrite`, whatever the access
         Truncate = 5,      ///< empties; NotExistException when it does not exist
         Append = 6,        ///< creates, or opens; all writing goes to the end
     };
 
-    /// Both `Write` and `ReadWrite` allow reading.
+    /// Both `Write` and `ReadWrite` allow reading, and need the right to read the file as well as that to write it.
     enum class FileAccess : int {
         Read = 1,       ///< nothing is written, unless opened with `OpenOrCreate`
         Write = 2,      ///< as `ReadWrite`

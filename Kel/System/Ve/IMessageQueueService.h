@@ -47,8 +47,9 @@ public:
 
     /// Takes the first message out of the queue (mq_receive, mq_timedreceive). `length` is the room in `buffer`, at
     /// least the queue's largest message. `timeoutMs` as in Send. Returns the length of the message; 0 when there was
-    /// none, in time or at all, and also for a message of length 0. `priority` is that of the message, and stays as it
-    /// is without one. Throws also when `buffer` is too short.
+    /// none, in time or at all, and also for a message of length 0. `priority` becomes that of the message, and stays
+    /// as it is when there was none: 0xFFFFFFFF, set before, tells the two apart. Throws also when `buffer` is too
+    /// short.
     virtual int Receive(char* buffer, unsigned int length, unsigned int& priority, unsigned long timeoutMs) = 0;
 
     /// Closes the queue for this object (mq_close). Does nothing when closed already.

@@ -10,8 +10,14 @@ namespace Kel::System::Ve {
 /// the mutex may unlock it. None is a cancellation point, and signals do not end a wait. What fails throws VeException,
 /// with the name of the operation and the text of the error; that of TimedLock and TryLock is of `errno` and may be
 /// about something else. Deleting a mutex that is held ends the process.
-/// Threads that take two mutexes take them in one order, also where one of them uses TimedLock: the kernel refuses the
-/// wait that closes a circle, and the C library then waits for ever, or ends the process where the mutex is recursive.
+///
+/// A thread that ends while it holds a mutex made by the factory leaves it locked: Lock waits for ever then. A mutex
+/// for several processes, which a platform may have beside, throws instead, with the text "Owner died", when the next
+/// thread asks for it.
+///
+/// Threads that take two mutexes take them in one order, also where one of them uses TimedLock: the
+/// kernel refuses the wait that closes a circle, and the C library then waits for ever, or ends the process where the
+/// mutex is recursive.
 class KEL_API IMutexService : public virtual IServiceObject {
 public:
     /// Returns true when the holder may lock the mutex again; it is free after as many unlocks.

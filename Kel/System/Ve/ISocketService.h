@@ -14,12 +14,12 @@ namespace Kel::System::Ve {
 /// IPv4 addresses are in network byte order, as in `sin_addr`; ports are in the host's. Local names that live in the
 /// abstract namespace belong to no file and vanish with their socket; 106 characters of a name count.
 ///
-/// All operations may be called from any thread. A thread that waits in Poll, Select, Recv or Accept is woken by
-/// Shutdown; Close alone does not wake it. An operation that Close overtakes may meet a descriptor that another file
-/// has got since: threads that use the socket are better ended first. Accept, Connect, Select, Poll, Send, SendTo, Recv
-/// and RecvFrom wait, on a blocking socket, and are cancellation points on any; time-outs are measured on the monotonic
-/// clock. The handler of a signal ends Select and Poll with Intr; the others, too, unless it was installed with
-/// SA_RESTART and they have no time-out of their own. SIGPIPE is never raised.
+/// All operations may be called from any thread. A thread that waits in Poll, Select, Send, Recv, RecvFrom or Accept is
+/// woken by Shutdown; Close alone does not wake it. An operation that Close overtakes may meet a descriptor that
+/// another file has got since: threads that use the socket are better ended first. Accept, Connect, Select, Poll, Send,
+/// SendTo, Recv and RecvFrom wait, on a blocking socket, and are cancellation points on any; time-outs are measured on
+/// the monotonic clock. The handler of a signal ends Select and Poll with Intr; the others, too, unless it was
+/// installed with SA_RESTART and they have no time-out of their own. SIGPIPE is never raised.
 ///
 /// Descriptors are closed in programs that this process starts. To hand one to a child on purpose, clear the flag of
 /// the descriptor just before: `fcntl(socket->GetSocketDescriptor(), F_SETFD, 0)`.
@@ -70,7 +70,7 @@ public:
         Readable = 0,     ///< something can be received, or the peer has closed
         Writable = 1,     ///< something can be sent
         TimeoutOnly = 2,  ///< nothing: waits until the time runs out
-        Connected = 3,    ///< a connection that is being made is there: as Writable
+        Connected = 3,    ///< the making of a connection has ended, successfully or not: as Writable
         Acceptable = 4,   ///< a connection can be accepted: as Readable
     };
 
@@ -127,7 +127,14 @@ public:
     /// The same for a local socket; `name` is the path of the peer, empty when it has none or an abstract name.
     virtual ISocketService* Accept(BasicString& name, SocketError& error) = 0;
 
-    /// Connects to an IPv4 address and port (connect).
+    /// Connects to an IPv4 address and port (connect). On a non-blocking socket it returns InProgress. Select tells
+    /// when the attempt has ended, and Connect, called once more, its outcome: 0 or the reason of the failure.
+    ///
+    ///     int result = socket.Connect(address, port);
+    ///     if (result == static_cast<int>(SocketError::InProgress) &&
+    ///         socket.Select(SelectMode::Connected, 5000000, error) == 1) {
+    ///         result = socket.Connect(address, port);
+    ///     }
     virtual int Connect(unsigned int ipAddress, int port) = 0;
 
     /// Connects a local socket to a name: in the abstract namespace, or, for what the factory's
@@ -151,8 +158,9 @@ public:
     /// Waits until the socket is ready or broken (poll). `timeoutMilliseconds` is the limit; 0 looks once, 0x80000000
     /// and above wait without limit. Returns 1 when something has happened, and then `error` tells whether the socket
     /// is ready (Success), closed by the peer (ConnReset) or shut down by this side (Shutdown; ConnReset where the
-    /// system tells of both ends only); 0 with TimedOut when the time ran out; -1 on failure. A waiting datagram of
-    /// length zero is taken for the peer's closing.
+    /// system tells of both ends only); 0 with TimedOut when the time ran out; -1 on failure. It is Success until the
+    /// last byte that the peer has sent is read, but for a local stream whose peer has closed, which is ConnReset at
+    /// once. A waiting datagram of length zero is taken for the peer's closing.
     virtual int Poll(PollMode mode, unsigned int timeoutMilliseconds, SocketError& error) = 0;
 
     /// Closes the socket. A local socket that is bound to a file removes that first; throws VeException, and stays
@@ -162,7 +170,9 @@ public:
     /// Shuts down both directions.
     virtual int Shutdown() = 0;
 
-    /// Shuts down one direction or both (shutdown). From then on Poll reports Shutdown where it would report ready.
+    /// Shuts down one direction or both (shutdown) and wakes the threads that wait for it. From then on Poll reports
+    /// Shutdown where it would report ready. On an IPv4 datagram socket that is not connected it does the same, but
+    /// returns NotConn.
     virtual int Shutdown(ShutdownMode mode) = 0;
 
     /// Sends up to `length` bytes (send). Returns how many were taken, -1 on failure.
@@ -201,7 +211,7 @@ public:
     virtual int GetOptionKeepAliveProbeCount(int& value) = 0;
     /// @}
 
-    /// Returns the descriptor, -1 when there is none. It stays the socket's own.
+    /// Returns the descriptor, a negative number when there is none. It stays the socket's own.
     virtual int GetSocketDescriptor() const = 0;
 };
 

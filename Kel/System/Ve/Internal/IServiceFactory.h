@@ -74,14 +74,16 @@ public:
     virtual ISocketService* CreateSocket(ISocketService::SocketType type, ISocketService::SocketDomain domain,
                                          ISocketService::SocketBlockingMode blockingMode) = 0;
 
-    /// Makes a socket of a descriptor, an int that `handle` points to. The object owns it from then on.
+    /// Makes a socket of a descriptor, an int that `handle` points to; a negative one is none. The object owns it from
+    /// then on.
     virtual ISocketService* CreateSocket(void* handle) = 0;
 
     /// Makes a blocking local datagram socket that connects to socket files.
     virtual ISocketService* CreateNonAbstractIpcSocket() = 0;
 
-    /// Opens a file, see `IFileService`, also for what it throws. `syncOnClose` has its Close wait until the data is on
-    /// the disk. Waits for the storage. A cancellation point.
+    /// Opens a file, see `IFileService`, also for what it throws. Access `Write`, too, needs the right to read the
+    /// file. `syncOnClose` has its Close wait until the data is on the disk. Waits for the storage. A cancellation
+    /// point.
     virtual IFileService* CreateFile(const BasicString& path, IFileService::FileMode mode,
                                      IFileService::FileAccess access, bool syncOnClose) = 0;
 
