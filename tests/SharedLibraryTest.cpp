@@ -133,6 +133,9 @@ TEST_F(SharedLibraryTest, FailuresAreReported) {
          "VeException: Unload: Unloading of the library with the handle '" + number.str() +
              "' failed with error code -1."},
         {"dlinfo", [&] { Make()->Load(plugin); }, "done"},
+        // The loader may give no reason.
+        {"dlopen", [&] { Make()->Load("x.so"); },
+         "VeException: Loading of the shared library 'x.so' failed with error ''"},
     });
     // It has kept the handle.
     EXPECT_EQ(Answer(*library), 42);
