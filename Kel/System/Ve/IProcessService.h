@@ -15,10 +15,14 @@ namespace Kel::System::Ve {
 /// VeException when there is no such file, or when the child that was started before has not been found to have ended
 /// (as HasExited tells). What fails after that is not thrown: a child that cannot reach its directory or its program
 /// ends with exit code 1, and when the system can make no process, HasExited is true.
+///
+/// The child inherits the scheduling, the processors and the blocked signals of the thread that starts it. A program of
+/// one's own resets the first by `ProcessServiceBase::SetupCurrentProcess(0)`; docs/guide.md tells the rest.
 class KEL_API IProcessService : public virtual IServiceObject {
 public:
-    /// Starts a program (as fork and execvp; handlers of pthread_atfork are not called). Waits, with all signals
-    /// blocked, until it is executed, thus for the storage of the program and the directory: not for a control loop.
+    /// Starts a program (as fork and execvp; handlers of pthread_atfork are not called). Waits until it is executed,
+    /// thus for the storage of the program and the directory: not for a control loop. Meanwhile signals that have a
+    /// handler are blocked; those whose default action ends the process (SIGTERM, SIGINT) do so.
     virtual void Start(const BasicString& workingDirectory, const BasicString& executable,
                        const BasicString& parameters) = 0;
 

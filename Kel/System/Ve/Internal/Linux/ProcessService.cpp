@@ -4,6 +4,7 @@
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/FileServiceBase.h>
 
+#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -14,7 +15,14 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
+
+// The C library's clone, by the name that the thread sanitizer does not intercept: it would take the child for a copy of
+// the process, as fork makes it, and change its own records of this one.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's.
+extern "C" int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...);
 
 namespace Kel::System::Ve::Internal {
 
@@ -27,6 +35,52 @@ BasicString ProcessServiceBase::GetCurrentName() { return Linux::ProcessService:
 namespace Kel::System::Ve::Internal::Linux {
 
 using Exceptions::VeException;
+
+namespace {
+
+// What the kernel knows of a signal's handling, of which the handler comes first. It is asked itself: the thread
+// sanitizer keeps a record of what the C library's sigaction is called for, and would take the child's calls for this
+// process's.
+using KernelAction = std::array<unsigned long, 8>;
+constexpr std::size_t kernelMaskSize = NSIG / 8;
+
+bool HasHandler(int signal) {
+    KernelAction action{};
+    return syscall(SYS_rt_sigaction, signal, nullptr, action.data(), kernelMaskSize) == 0 &&
+           action[0] != reinterpret_cast<std::uintptr_t>(SIG_IGN) &&
+           action[0] != reinterpret_cast<std::uintptr_t>(SIG_DFL);
+}
+
+sigset_t SignalsWithHandler() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (HasHandler(signal)) {
+            sigaddset(&signals, signal);
+        }
+    }
+    return signals;
+}
+
+// As the execution of a program does.
+void RemoveHandlers() {
+    const KernelAction byDefault{};
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (HasHandler(signal)) {
+            syscall(SYS_rt_sigaction, signal, byDefault.data(), nullptr, kernelMaskSize);
+        }
+    }
+}
+
+}  // namespace
+
+// What the child is to do.
+struct ProcessService::Program {
+    const char* directory;
+    char* const* arguments;
+    bool isDaemon;
+    sigset_t signalMask;
+};
 
 ProcessService::ProcessService() : ServiceObjectBase("ProcessService", ServiceType::Process, true) {}
 
@@ -47,46 +101,37 @@ void ProcessService::Start(const BasicString& workingDirectory, const BasicStrin
     EnsureExecutableExists(path);
     BasicString splitParameters = parameters;
     const std::vector<char*> arguments = ParseParameters(path, splitParameters);
-    // No handler of this process's may run in the child, in the memory that they share.
-    sigset_t allSignals;
-    sigset_t signalMask;
-    sigfillset(&allSignals);
-    pthread_sigmask(SIG_SETMASK, &allSignals, &signalMask);
-    // As fork, but the child borrows the memory, and this thread, until it executes the program. To copy the page
-    // tables of a large process takes tens of milliseconds, and then each page that another thread writes is copied:
-    // a timer beside it was late by as much.
-    // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork): the child only does what ExecuteProgram does.
-    const pid_t child = vfork();
-    if (child == 0) {
-        // NOLINTNEXTLINE(clang-analyzer-unix.Vfork): it never returns, and changes nothing that the parent still uses.
-        ExecuteProgram(workingDirectory.c_str(), arguments.data(), asDaemon, signalMask);
-    }
-    processId = child;
-    pthread_sigmask(SIG_SETMASK, &signalMask, nullptr);
+    Program program{workingDirectory.c_str(), arguments.data(), asDaemon, {}};
+
+    // The child's own: for a script that names no interpreter, execvp makes a copy of the arguments on it. The rest is
+    // for calls, as many bytes as posix_spawn has for them.
+    const std::size_t stackSize = (arguments.size() * sizeof(char*) + 32768) / sizeof(std::max_align_t);
+    const std::unique_ptr<std::max_align_t[]> stack(new std::max_align_t[stackSize]);
+
+    // A handler of this process must not run in the child. Other signals stay deliverable: while the child waits for
+    // the storage of its program, they can end this process.
+    const sigset_t handled = SignalsWithHandler();
+    pthread_sigmask(SIG_BLOCK, &handled, &program.signalMask);
+    // As fork, but the child uses this process's memory, and this thread waits, until the program is executed. To copy
+    // the page tables of a large process takes tens of milliseconds, and then each page that another thread writes is
+    // copied: a timer beside it was late by as much.
+    processId = __clone(&ExecuteProgram, stack.get() + stackSize, CLONE_VM | CLONE_VFORK | SIGCHLD, &program);
+    pthread_sigmask(SIG_SETMASK, &program.signalMask, nullptr);
 }
 
-void ProcessService::ExecuteProgram(const char* directory, char* const* arguments, bool asDaemon,
-                                    const sigset_t& signalMask) {
-    // The execution does it, too, but signals are let in before that. By the kernel's own call: whoever stands in for
-    // the C library's and takes notes would note it for the parent.
-    for (int signal = 1; signal < NSIG; ++signal) {
-        // The handler is the first word.
-        std::array<unsigned long, 8> action{};
-        constexpr std::size_t maskSize = NSIG / 8;
-        if (syscall(SYS_rt_sigaction, signal, nullptr, action.data(), maskSize) == 0 &&
-            action[0] != reinterpret_cast<std::uintptr_t>(SIG_IGN) &&
-            action[0] != reinterpret_cast<std::uintptr_t>(SIG_DFL)) {
-            action = {};
-            syscall(SYS_rt_sigaction, signal, action.data(), nullptr, maskSize);
-        }
-    }
-    if (asDaemon) {
+// The thread sanitizer would wait for the end of this function, to which a program that is executed does not come.
+__attribute__((no_sanitize("thread"))) int ProcessService::ExecuteProgram(void* argument) {
+    const auto& program = *static_cast<const Program*>(argument);
+    RemoveHandlers();
+    pthread_sigmask(SIG_SETMASK, &program.signalMask, nullptr);
+    if (program.isDaemon) {
         Daemonize();
     }
-    ChangeWorkingDirectory(directory);
-    pthread_sigmask(SIG_SETMASK, &signalMask, nullptr);
-    execvp(arguments[0], arguments);
-    _exit(1);
+    if (ChangeWorkingDirectory(program.directory)) {
+        execvp(program.arguments[0], program.arguments);
+    }
+    // The child's exit code.
+    return 1;
 }
 
 void ProcessService::StartBlocking(const BasicString& workingDirectory, const BasicString& executable,
@@ -177,11 +222,7 @@ void ProcessService::EnsureExecutableExists(const BasicString& path) {
     }
 }
 
-void ProcessService::ChangeWorkingDirectory(const char* path) {
-    if (*path != '\0' && chdir(path) != 0) {
-        _exit(1);
-    }
-}
+bool ProcessService::ChangeWorkingDirectory(const char* path) { return *path == '\0' || chdir(path) == 0; }
 
 void ProcessService::Daemonize() { setsid(); }
 

@@ -4,7 +4,6 @@
 #include <Kel/Core/Export.h>
 #include <Kel/System/Ve/Internal/ProcessServiceBase.h>
 
-#include <signal.h>
 #include <sys/types.h>
 
 #include <vector>
@@ -45,11 +44,11 @@ private:
     void EnsureHasNotStarted() const;
     static void EnsureExecutableExists(const BasicString& path);
 
-    // In the child, which runs in this process's memory, on this thread's stack: nothing may be allocated or changed,
-    // and nothing but this function's frame and what it calls lies below its caller's.
-    [[noreturn, gnu::noinline]] static void ExecuteProgram(const char* directory, char* const* arguments, bool asDaemon,
-                                                           const sigset_t& signalMask);
-    static void ChangeWorkingDirectory(const char* path);
+    struct Program;
+
+    // These run in the child, which shares this process's memory: they allocate nothing, and change nothing of it.
+    static int ExecuteProgram(void* program);
+    static bool ChangeWorkingDirectory(const char* path);
     static void Daemonize();
 
     // 0 when there is no child, -1 when it could not be made. Forgotten once the child is waited for: another process
