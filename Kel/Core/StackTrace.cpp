@@ -6,9 +6,10 @@
 #include <execinfo.h>
 #include <link.h>
 
-#include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <mutex>
 #include <unordered_map>
 #include <utility>
 
@@ -29,37 +30,38 @@ Loadings CountLoadings() {
     return count;
 }
 
-// The lines of addresses that were seen before. Naming an address takes microseconds, for the loader goes through all
-// symbols of the module; nine tenths of the time of throwing went there.
+// Empty when there is none, or a longer one than is demangled here: the demangler takes some 70 bytes of the stack for
+// each character, and those who throw may have a small one.
+BasicString NameOf(const char* symbol) {
+    constexpr std::size_t longest = 255;
+    return symbol != nullptr && std::strlen(symbol) <= longest ? RuntimeTypeInfo::DemangleSymbol(symbol)
+                                                               : BasicString();
+}
+
+// The line of `address`, whose function is the one around `instruction`. Empty when that lies in no module.
+BasicString MakeLine(void* address, const void* instruction) {
+    Dl_info symbol;
+    if (dladdr(instruction, &symbol) == 0) {
+        return {};
+    }
+    BasicString name = NameOf(symbol.dli_sname);
+    if (name.empty()) {
+        const std::unique_ptr<char*, decltype(&std::free)> line(backtrace_symbols(&address, 1), &std::free);
+        name = line ? *line : "";
+    }
+    return "   at: " + name + "\r\n";
+}
+
+// A function may end with the call of one that never returns, and another begin at the return address: the name is that
+// of the function around the call.
+BasicString MakeLineOfCaller(void* returnAddress) {
+    return MakeLine(returnAddress, static_cast<const char*>(returnAddress) - 1);
+}
+
+// The lines of return addresses that were seen before. Naming an address takes microseconds, for the loader goes
+// through all symbols of the module; nine tenths of the time of throwing went there.
 class KnownLines {
 public:
-    /// Returns null while someone else uses them, who may be this thread, if it has crashed meanwhile: nobody waits.
-    static KnownLines* TryAcquire() {
-        // Never destroyed: there are exceptions until the very end of the process.
-        static auto* const instance = new KnownLines;
-        if (instance->isInUse.test_and_set(std::memory_order_acquire)) {
-            return nullptr;
-        }
-        instance->ForgetUnloaded();
-        return instance;
-    }
-
-    void Release() { isInUse.clear(std::memory_order_release); }
-
-    const BasicString* Find(void* address) const {
-        const auto found = lines.find(address);
-        return found != lines.end() ? &found->second : nullptr;
-    }
-
-    void Add(void* address, const BasicString& line) {
-        constexpr std::size_t most = 1024;
-        if (lines.size() == most) {
-            lines.clear();
-        }
-        lines.emplace(address, line);
-    }
-
-private:
     // Something else may have come to the addresses of what was unloaded.
     void ForgetUnloaded() {
         const Loadings count = CountLoadings();
@@ -68,46 +70,58 @@ private:
         }
     }
 
-    std::atomic_flag isInUse = ATOMIC_FLAG_INIT;
+    const BasicString& LineOf(void* returnAddress) {
+        const auto found = lines.find(returnAddress);
+        if (found != lines.end()) {
+            return found->second;
+        }
+        BasicString line = MakeLineOfCaller(returnAddress);
+        constexpr std::size_t most = 1024;
+        if (lines.size() == most) {
+            lines.clear();
+        }
+        return lines.emplace(returnAddress, std::move(line)).first->second;
+    }
+
+    std::mutex mutex;
+
+private:
     Loadings loadings;
     std::unordered_map<void*, BasicString> lines;
 };
 
-// Empty when the address lies in no module.
-BasicString MakeLine(void* address) {
-    Dl_info symbol;
-    if (dladdr(address, &symbol) == 0) {
-        return {};
+template <typename LineOf>
+BasicString JoinLines(void* const* addresses, int count, LineOf lineOf) {
+    BasicString text;
+    for (void* const* address = addresses; address < addresses + count; ++address) {
+        const auto& line = lineOf(*address);
+        if (line.empty()) {
+            break;
+        }
+        text += line;
     }
-    BasicString name = RuntimeTypeInfo::DemangleSymbol(symbol.dli_sname);
-    if (name.empty()) {
-        const std::unique_ptr<char*, decltype(&std::free)> line(backtrace_symbols(&address, 1), &std::free);
-        name = line ? *line : "";
-    }
-    return "   at: " + name + "\r\n";
+    return text;
 }
 
 }  // namespace
 
 BasicString FormatStackTrace(void* const* addresses, int count) {
-    const auto release = [](KnownLines* lines) { lines->Release(); };
-    const std::unique_ptr<KnownLines, decltype(release)> knownLines(KnownLines::TryAcquire(), release);
-    BasicString text;
-    for (void* const* address = addresses; address < addresses + count; ++address) {
-        if (const BasicString* const known = knownLines ? knownLines->Find(*address) : nullptr; known != nullptr) {
-            text += *known;
-            continue;
-        }
-        const BasicString line = MakeLine(*address);
-        if (line.empty()) {
-            break;
-        }
-        text += line;
-        if (knownLines) {
-            knownLines->Add(*address, line);
-        }
+    // Never destroyed: there are exceptions until the very end of the process.
+    static auto& known = *new KnownLines;
+    const std::unique_lock lock(known.mutex, std::try_to_lock);
+    if (!lock) {
+        // Nobody waits.
+        return JoinLines(addresses, count, &MakeLineOfCaller);
     }
-    return text;
+    known.ForgetUnloaded();
+    return JoinLines(addresses, count, [](void* address) -> const BasicString& { return known.LineOf(address); });
+}
+
+// Without the known lines, in whose use the thread may have crashed.
+BasicString FormatCrashTrace(void* const* addresses, int count, const void* interrupted) {
+    return JoinLines(addresses, count, [=](void* address) {
+        return address == interrupted ? MakeLine(address, address) : MakeLineOfCaller(address);
+    });
 }
 
 }  // namespace Kel

@@ -11,10 +11,9 @@ namespace Kel::System::Ve::Internal::Linux {
 // How a failed call becomes an exception. The checks are named after the calls' convention for failures. The message's
 // {0} is the operation, by itself the function that calls the check, and {1} the text of the error.
 
-template <typename ExceptionType = Exceptions::VeException>
-[[noreturn, gnu::cold, gnu::noinline]] void ThrowFailure(int errorNumber, const char* message,
-                                                         const char* operation = __builtin_FUNCTION()) {
-    throw ExceptionType(message, operation, ErrorText(errorNumber));
+[[noreturn, gnu::cold, gnu::noinline]] inline void ThrowFailure(int errorNumber, const char* message,
+                                                                const char* operation = __builtin_FUNCTION()) {
+    throw Exceptions::VeException(message, operation, ErrorText(errorNumber));
 }
 
 /// The message is the text of the error and nothing else.
