@@ -33,7 +33,7 @@ Loadings CountLoadings() {
 // Empty when there is none, or a longer one than is demangled here: the demangler takes some 70 bytes of the stack for
 // each character, and those who throw may have a small one.
 BasicString NameOf(const char* symbol) {
-    constexpr std::size_t longest = 255;
+    constexpr std::size_t longest = 200;
     return symbol != nullptr && std::strlen(symbol) <= longest ? RuntimeTypeInfo::DemangleSymbol(symbol)
                                                                : BasicString();
 }

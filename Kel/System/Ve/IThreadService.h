@@ -37,7 +37,8 @@ public:
     /// Sets the real-time priority (SCHED_FIFO, 1 to 99); 0 is normal scheduling (SCHED_OTHER).
     virtual void SetPriority(unsigned int priority) = 0;
 
-    /// Sets the size of the stack. Throws VeException once the thread has been started.
+    /// Sets the size of the stack. Throws VeException once the thread has been started. A thread in which the library
+    /// may throw needs 32 KiB beside what its own functions use.
     virtual void SetStackSize(unsigned int bytes) = 0;
 
     /// Sets the name, cut to 15 characters.
