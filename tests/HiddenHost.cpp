@@ -6,9 +6,12 @@
 #include <Kel/System/Ve/IMutexService.h>
 #include <Kel/System/Ve/IServiceObject.h>
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
+#include <Kel/System/Ve/Internal/Linux/SignalHandlerService.h>
 #include <Kel/System/Ve/Internal/Linux/TimeoutConversion.h>
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 #include <Kel/System/Ve/Internal/SharedLibraryServiceBase.h>
+
+#include <signal.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,10 +23,12 @@ using Kel::BasicString;
 using Kel::System::Ve::IMutexService;
 using Kel::System::Ve::IServiceObject;
 using Kel::System::Ve::ISharedLibraryService;
+using Kel::System::Ve::ISignalHandlerService;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::GetPathOfCurrentModule;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::MutexService;
+using Kel::System::Ve::Internal::Linux::SignalHandlerService;
 using Kel::System::Ve::Internal::Linux::TimeoutConversion;
 
 namespace {
@@ -82,6 +87,13 @@ int main() {
         const std::unique_ptr<ISharedLibraryService> program(factory->CreateSharedLibrary());
         program->Load("");
         Check(program->GetFunctionAddress("NoSuchFunction") == nullptr, "the program itself is loaded as a library");
+    }
+    {
+        const std::unique_ptr<ISignalHandlerService> handlers(factory->CreateSignalHandler());
+        handlers->Setup(nullptr, nullptr);
+        struct sigaction action {};
+        sigaction(SIGSEGV, nullptr, &action);
+        Check(action.sa_sigaction == &SignalHandlerService::StackTraceHandler, "a function has one address");
     }
     Check(factory->GetStatistics().GetNumOfObjectsCreated() == 0, "nothing is left alive");
     ServiceFactory::DisposeServiceFactory();
