@@ -19,8 +19,8 @@
 #include <cstdint>
 #include <memory>
 
-// The C library's clone, by the name that the thread sanitizer does not intercept: it would take the child for a copy of
-// the process, as fork makes it, and change its own records of this one.
+// The C library's clone, by the name that the thread sanitizer does not intercept: it would take the child for a copy
+// of the process, as fork makes it, and change its own records of this one.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's.
 extern "C" int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...);
 
