@@ -1,25 +1,18 @@
-// Runs a fuzz target, without the fuzzer, with all inputs in the folders that are named on the command line.
+// Tries the inputs that are kept, without the fuzzer: each folder has the name of a target.
 
 #include "Fuzz.h"
 
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
-#include <vector>
 
 int main(int count, char** arguments) {
-    std::size_t inputs = 0;
-    for (int i = 1; i < count; ++i) {
-        for (const auto& entry : std::filesystem::directory_iterator(arguments[i])) {
+    Require(count == 2, "the folder of the inputs is the only argument");
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(arguments[1])) {
+        if (entry.is_regular_file()) {
             std::cout << entry.path() << std::endl;
-            std::ifstream file(entry.path(), std::ios::binary);
-            // With nothing behind it that could be read without being noticed.
-            const std::vector<char> input{std::istreambuf_iterator<char>(file), {}};
-            LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
-            ++inputs;
+            std::ifstream input(entry.path(), std::ios::binary);
+            Target::All().at(entry.path().parent_path().filename())(input);
         }
     }
-    std::cout << inputs << " inputs" << std::endl;
-    return inputs > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -6,6 +6,8 @@
 
 #include <typeinfo>
 
+using Kel::RuntimeTypeInfo;
+
 namespace {
 
 class NamedType : public std::type_info {
@@ -15,22 +17,21 @@ public:
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using Kel::RuntimeTypeInfo;
-    const std::string symbol = UpToNull(Input(data, size).Rest());
-    // One star is left out by the standard library, one by ours.
-    const std::size_t stars = std::min<std::size_t>(2, symbol.find_first_not_of('*'));
-    const std::string raw = symbol.substr(std::min(stars, symbol.size()));
+static const Target target("TypeName", [](std::istream& input) {
+    std::string raw;
+    std::getline(input, raw, '\0');
     const std::string whole = RuntimeTypeInfo::DemangleSymbol(raw.c_str());
     std::string name;
-    const std::string thrown = Thrown([&] { name = RuntimeTypeInfo::GetTypeName(NamedType(symbol.c_str())); });
-    Require(thrown == (whole.empty() ? "0 Demangling of type name '" + raw + "' failed." : ""),
+    const std::string thrown = Thrown([&] { name = RuntimeTypeInfo::GetTypeName(NamedType(("**" + raw).c_str())); });
+    // One star at the front is left out by the standard library, one by ours.
+    Require(raw[0] == '*' || thrown == (whole.empty() ? "Demangling of type name '" + raw + "' failed." : ""),
             "a type has a name unless it cannot be demangled");
-    bool hadKeyword = false;
-    for (const char* const keyword : {"class ", "struct ", "enum "}) {
-        Require(name.find(keyword) == std::string::npos, "no keyword is left");
-        hadKeyword = hadKeyword || whole.find(keyword) != std::string::npos;
-    }
-    Require(hadKeyword ? name.size() < whole.size() : name == whole, "nothing is changed beside");
-    return 0;
-}
+    const auto contains = [](const std::string& text, const char* part) {
+        return text.find(part) != std::string::npos;
+    };
+    const auto hasKeyword = [&](const std::string& text) {
+        return contains(text, "class ") || contains(text, "struct ") || contains(text, "enum ");
+    };
+    Require(!hasKeyword(name), "no keyword is left");
+    Require(raw[0] == '*' || hasKeyword(whole) || name == whole, "nothing is changed beside");
+});
