@@ -1,20 +1,35 @@
-// A user's program: makes a service, catches an exception from the library by its type, and finds its own functions in
-// the stack trace.
+// A user's program, which hides its own symbols, as many products do. It shares the one singleton with the library,
+// catches the library's exceptions by their types, casts its interfaces and finds its own functions in stack traces.
 
 #include <Kel/Core/AppDomain.h>
 #include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
+#include <Kel/System/Ve/Internal/Linux/MutexService.h>
+#include <Kel/System/Ve/Internal/Linux/SignalHandlerService.h>
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
+
+#include <signal.h>
 
 #include <cstdlib>
 #include <iostream>
 
+using Kel::System::Ve::IServiceObject;
+using Kel::System::Ve::Adapters::Own;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
+using Kel::System::Ve::Internal::Linux::MutexService;
+using Kel::System::Ve::Internal::Linux::SignalHandlerService;
+
+bool CatchesByType() {
+    try {
+        Own(ServiceFactory::GetInstance()->CreateMutex(false))->Unlock();
+    } catch (const VeException&) {
+        return true;
+    }
+    return false;
+}
 
 Kel::BasicString trace;
-
-void TakeTrace() noexcept { trace = VeException("taken").ToString(); }
 
 // The compiler sees that nothing is thrown in here. Unless it is told otherwise, it leaves an ARM unwinder no way out.
 [[gnu::noinline]] void CallWithoutThrowing(void (*volatile callback)() noexcept) {
@@ -22,22 +37,31 @@ void TakeTrace() noexcept { trace = VeException("taken").ToString(); }
     callback = nullptr;
 }
 
-int main() {
+[[gnu::visibility("default")]] int main() {
     Kel::AppDomain appDomain;
     Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
     ServiceFactory::CreateServiceFactory();
-    bool caught = false;
-    {
-        const auto mutex = Kel::System::Ve::Adapters::Own(ServiceFactory::GetInstance()->CreateMutex(false));
-        try {
-            mutex->Unlock();
-        } catch (const VeException& exception) {
-            std::cout << "caught: " << exception.GetMessage() << '\n';
-            caught = true;
-        }
+    ServiceFactory* const factory = ServiceFactory::GetInstance();
+    auto mutex = Own(factory->CreateMutex(false));
+    IServiceObject* const object = mutex.get();
+    CallWithoutThrowing([]() noexcept { trace = VeException("taken").GetStackTrace(); });
+    Own(factory->CreateSignalHandler())->Setup(nullptr, nullptr);
+    struct sigaction action {};
+    sigaction(SIGSEGV, nullptr, &action);
+    const std::pair<const char*, bool> checks[] = {
+        {"host and library find the same factory", factory == appDomain.Find(typeid(ServiceFactory))},
+        {"an exception is caught by its type", CatchesByType()},
+        {"an object is known by its identity", factory->GetRegisteredServiceObjects().count(object) == 1},
+        {"an object is cast to its class", dynamic_cast<MutexService*>(object) != nullptr},
+        {"a function has one address", action.sa_sigaction == &SignalHandlerService::StackTraceHandler},
+        {"a stack trace names the host's functions", trace.find("main") != Kel::BasicString::npos},
+    };
+    bool succeeded = true;
+    for (const auto& [what, holds] : checks) {
+        std::cout << (holds ? "ok: " : "FAILED: ") << what << '\n';
+        succeeded = succeeded && holds;
     }
+    mutex.reset();
     ServiceFactory::DisposeServiceFactory();
-    CallWithoutThrowing(&TakeTrace);
-    std::cout << trace;
-    return caught && trace.find("main") != Kel::BasicString::npos ? EXIT_SUCCESS : EXIT_FAILURE;
+    return succeeded ? EXIT_SUCCESS : EXIT_FAILURE;
 }
