@@ -13,13 +13,10 @@ static int Missing() { return 41; }
 // What the program does while the library is loaded, and unloaded; a program without it does nothing.
 extern "C" [[gnu::weak]] void WhileLibraryIsLoaded();
 
-static void Tell() {
+[[gnu::constructor, gnu::destructor]] static void Tell() {
     if (WhileLibraryIsLoaded != nullptr) {
         WhileLibraryIsLoaded();
     }
 }
-
-[[gnu::constructor]] static void Loaded() { Tell(); }
-[[gnu::destructor]] static void Unloaded() { Tell(); }
 
 extern "C" int PluginAnswer() { return Missing() + pluginData[0]; }

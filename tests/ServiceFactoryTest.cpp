@@ -1,15 +1,12 @@
 #include "support/Test.h"
 
-#include <cstddef>
-#include <iostream>
-#include <new>
-#include <sstream>
+#include <sys/mman.h>
 
 namespace {
 
-const char* const noAppDomain = "Singleton instance of type 'Kel::AppDomain' was not created yet!";
-const char* const noFactory =
-    "AppDomain Singleton instance of type 'Kel::System::Ve::Internal::ServiceFactory' was not created yet!";
+constexpr char noAppDomain[] = "Exception: Singleton instance of type 'Kel::AppDomain' was not created yet!";
+const std::string ofFactory = "of type 'Kel::System::Ve::Internal::ServiceFactory' ";
+constexpr auto withoutName = static_cast<ServiceType>(18);
 
 class TestService : public ServiceObjectBase {
 public:
@@ -17,108 +14,156 @@ public:
         : ServiceObjectBase("TestService", type, registers) {}
 };
 
-// What was written to standard output while `operation` ran; its base is decimal before and after.
-// Every line of it has been flushed.
-template <typename Operation>
-std::string OutputOf(Operation&& operation) {
-    class Buffer : public std::stringbuf {
-    public:
-        std::string flushed;
+void Make() { const TestService service; }
 
-    private:
+// What was written to standard output, and flushed, while `operation` ran; its base is decimal afterwards.
+std::string OutputOf(const std::function<void()>& operation) {
+    struct Buffer : std::stringbuf {
         int sync() override {
             flushed = str();
             return 0;
         }
-    };
-    Buffer buffer;
+        std::string flushed;
+    } buffer;
     std::streambuf* const previous = std::cout.rdbuf(&buffer);
     operation();
     std::cout.rdbuf(previous);
-    EXPECT_EQ(buffer.str().rfind('\n'), buffer.flushed.rfind('\n'));
-    return buffer.str();
+    return buffer.flushed;
 }
 
 using ServiceFactoryTest = FactoryTest;
 using NoFactoryTest = AppDomainTest;
 
 TEST(NoAppDomainTest, NothingCanBeMade) {
-    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); }, noAppDomain));
-    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::DisposeServiceFactory(); }, noAppDomain));
-    EXPECT_TRUE(Throws<Exception>([] { TestService(); }, noAppDomain));
+    EXPECT_TRUE(ComesTo(&ServiceFactory::CreateServiceFactory, noAppDomain));
+    EXPECT_TRUE(ComesTo(&ServiceFactory::DisposeServiceFactory, noAppDomain));
+    EXPECT_TRUE(ComesTo(&Make, noAppDomain));
     const TestService unregistered(ServiceType::Thread, false);
 }
 
-TEST_F(NoFactoryTest, NoServiceObjectCanBeMade) {
-    EXPECT_TRUE(Throws<Exception>([] { TestService(); }, noFactory));
-    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::GetInstance(); }, noFactory));
-    ServiceFactory::DisposeServiceFactory();
-}
-
-// By a handler that comes after the end of whatever was made later than it was registered.
-TEST_F(NoFactoryTest, MayBeDisposedAtTheEndOfTheProcess) {
-    Child child([]() -> int {
-        const auto dispose = [] {
-            const std::string report = OutputOf([] { ServiceFactory::DisposeServiceFactory(); });
-            _exit(report.find(" of type 'Mutex' was not destroyed.") != std::string::npos ? 0 : 1);
-        };
-        EXPECT_EQ(std::atexit(dispose), 0);
-        ServiceFactory::CreateServiceFactory();
-        ServiceFactory::GetInstance()->CreateMutex(false);
-        std::ostringstream() << ServiceType::Mutex;
-        std::exit(2);  // NOLINT(concurrency-mt-unsafe): there is no other thread.
-    });
-    EXPECT_EQ(child.Wait(), 0);
-}
-
 TEST_F(NoFactoryTest, FactoryIsMadeOnceUntilItIsDisposed) {
-    ServiceFactory::CreateServiceFactory();
-    ServiceFactory* const factory = ServiceFactory::GetInstance();
-    EXPECT_TRUE(Throws<Exception>(
-        [] { ServiceFactory::CreateServiceFactory(); },
-        "AppDomain Singleton instance of type 'Kel::System::Ve::Internal::ServiceFactory' was created yet!"));
-    EXPECT_EQ(ServiceFactory::GetInstance(), factory);
-    EXPECT_EQ(OutputOf([] { ServiceFactory::DisposeServiceFactory(); }), "");
-    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::GetInstance(); }, noFactory));
-    ServiceFactory::CreateServiceFactory();
-    ServiceFactory::DisposeServiceFactory();
+    for (int i = 0; i < 2; ++i) {
+        ServiceFactory::DisposeServiceFactory();
+        EXPECT_TRUE(ComesTo(&Make, "Exception: AppDomain Singleton instance " + ofFactory + "was not created yet!"));
+        ServiceFactory::CreateServiceFactory();
+        EXPECT_TRUE(ComesTo(&ServiceFactory::CreateServiceFactory,
+                            "Exception: AppDomain Singleton instance " + ofFactory + "was created yet!"));
+        Make();
+    }
+    EXPECT_EQ(OutputOf(&ServiceFactory::DisposeServiceFactory), "");
 }
 
 // As when another thread is faster. In a child, since the factory that is refused stays allocated.
 TEST_F(NoFactoryTest, SecondFactoryAtTheSameTimeIsRefused) {
-    Child child([]() -> int {
-        FailingCall noDestruction("pthread_mutex_destroy", [] { _exit(2); });
-        noDestruction.InAnyThread();
-        const FailingCall call("pthread_mutex_init", [] { ServiceFactory::CreateServiceFactory(); });
-        _exit(Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); },
-                                "AppDomain Singleton of type 'Kel::System::Ve::Internal::ServiceFactory' has been "
-                                "added yet")
-                  ? 0
-                  : 1);
-    });
-    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_TRUE(SucceedsInChild([this] {
+        appDomain.Add(typeid(ServiceFactory), nullptr);
+        const long before = LiveAllocations();
+        EXPECT_TRUE(ComesTo(&ServiceFactory::CreateServiceFactory,
+                            "Exception: AppDomain Singleton " + ofFactory + "has been added yet"));
+        EXPECT_GT(LiveAllocations(), before);
+    }));
 }
 
-TEST_F(NoFactoryTest, AppDomainThatGoesWhileTheFactoryIsMadeIsMissed) {
-    const FailingCall call("pthread_mutex_init", [] { Kel::Singleton<Kel::AppDomain>::pInstance = nullptr; });
-    EXPECT_TRUE(Throws<Exception>([] { ServiceFactory::CreateServiceFactory(); }, noAppDomain));
+TEST_F(NoFactoryTest, FactoryThatCannotBeMadeLeavesNothing) {
+    ExpectBadAlloc([] {
+        ServiceFactory::CreateServiceFactory();
+        ServiceFactory::DisposeServiceFactory();
+    });
+    const Interposition appDomainGoes("pthread_mutex_init", [&](const Interposition::Arguments& arguments) {
+        Singleton<AppDomain>::pInstance = nullptr;
+        return appDomainGoes.CallThrough(arguments);
+    });
+    EXPECT_TRUE(ComesTo(&ServiceFactory::CreateServiceFactory, noAppDomain));
 }
 
 TEST_F(NoFactoryTest, FactoryWithoutItsMutexRegistersNothing) {
     TestService service(ServiceType::Thread, false);
     alignas(LinuxServiceFactory) std::byte storage[sizeof(LinuxServiceFactory)];
-    const FailingCall call("pthread_mutexattr_init", [&] {
-        auto* const unfinished = reinterpret_cast<ServiceFactory*>(storage);
-        EXPECT_TRUE(Throws<VeException>([&] { unfinished->RegisterServiceObject(&service); },
-                                        "RegisterServiceObject: Mutex not initialized yet."));
-        EXPECT_TRUE(Throws<VeException>([&] { unfinished->ReleaseServiceObject(nullptr); },
-                                        "ReleaseServiceObject: Mutex not initialized yet."));
+    auto* const unfinished = reinterpret_cast<ServiceFactory*>(storage);
+    const Interposition init("pthread_mutex_init", [&](const Interposition::Arguments&) {
+        EXPECT_TRUE(ComesTo([&] { unfinished->RegisterServiceObject(&service); },
+                            "VeException: RegisterServiceObject: Mutex not initialized yet."));
+        EXPECT_TRUE(ComesTo([&] { unfinished->ReleaseServiceObject(nullptr); },
+                            "VeException: ReleaseServiceObject: Mutex not initialized yet."));
+        return EINVAL;
     });
-    (new (storage) LinuxServiceFactory)->~LinuxServiceFactory();
+    EXPECT_TRUE(ComesTo([&] { new (storage) LinuxServiceFactory; },
+                        "VeException: Init: Mutex could not be initiated: Invalid argument"));
+}
+
+TEST_F(ServiceFactoryTest, MakesEachServiceOrLeavesNothing) {
+    const BasicString name = UniqueName("of-whatever-the-factory-makes");
+    const auto semaphore = Own(factory->CreateSemaphore(name, 0));
+    const auto queueMode = IMessageQueueService::OpenMode::OpenOrCreate;
+    const auto queueAccess = IMessageQueueService::Access::ReadWrite;
+    const auto queue = Own(factory->CreateMessageQueue(name, queueMode, queueAccess, true));
+    const auto run = [](void*) -> void* { return nullptr; };
+    const auto memoryMode = ISharedMemoryService::mode::Create;
+    const TemporaryFolder folder;
+    const BasicString path = folder / "file";
+    const auto fileMode = IFileService::FileMode::Create;
+    const auto fileAccess = IFileService::FileAccess::Write;
+    BasicString error;
+    const std::tuple<const char*, ServiceType, std::function<IServiceObject*()>> table[] = {
+        {"ProcessService", ServiceType::Process, [&] { return factory->CreateProcess(); }},
+        {"SharedLibraryService", ServiceType::SharedLibrary, [&] { return factory->CreateSharedLibrary(); }},
+        {"MutexService", ServiceType::Mutex, [&] { return factory->CreateMutex(false); }},
+        {"SemaphoreService", ServiceType::Semaphore, [&] { return factory->CreateSemaphore(0); }},
+        {"SemaphoreService", ServiceType::Semaphore, [&] { return factory->CreateSemaphore(name + "2", 0); }},
+        {"SemaphoreService", ServiceType::Semaphore, [&] { return factory->CreateSemaphore(name); }},
+        {"TimerService", ServiceType::Timer, [&] { return factory->CreateTimer(1, name, 0, nullptr, nullptr, 0); }},
+        {"ThreadService", ServiceType::Thread, [&] { return factory->CreateThread(run, nullptr, name, 0, 0, 0); }},
+        {"SharedMemoryService", ServiceType::SharedMemory,
+         [&] { return factory->CreateSharedMemory(name, 1, memoryMode); }},
+        {"SocketService", ServiceType::Socket, [&] { return factory->CreateNonAbstractIpcSocket(); }},
+        {"FileServiceBase", ServiceType::File, [&] { return factory->CreateFile(path, fileMode, fileAccess, false); }},
+        {"RWLockService", ServiceType::RWLock, [&] { return factory->CreateRWLock(); }},
+        {"MessageQueueService", ServiceType::MessageQueue, [&] { return factory->CreateMessageQueue(name, false); }},
+        {"CondVariableService", ServiceType::ConditionVariable, [&] { return factory->CreateConditionVariable(); }},
+        {"TraceControllerService", ServiceType::TraceController, [&] { return factory->CreateTraceController(); }},
+        {"SignalHandlerService", ServiceType::SignalHandler, [&] { return factory->CreateSignalHandler(); }},
+        {"NetworkInterfaceInfo", withoutName, [&] { return factory->CreateNetworkInterfaceInfo("lo", error); }},
+    };
+    for (const auto& [serviceName, serviceType, create] : table) {
+        SCOPED_TRACE(serviceName);
+        auto made = Own(create());
+        EXPECT_EQ(made->GetServiceName(), serviceName);
+        EXPECT_EQ(made->GetServiceType(), serviceType);
+        made.reset();
+        ExpectBadAlloc([&, &make = create] {
+            // What the last object has left in the registry is this one's, and the registry allocates for the next.
+            const auto other = Own(factory->CreateMutex(false));
+            Own(make());
+        });
+    }
+    queue->Unlink();
+    shm_unlink(name.c_str());
+}
+
+// In a child: where unlocking fails, the registry stays locked by this thread, which may lock it again.
+TEST_F(ServiceFactoryTest, FailuresAreReported) {
+    const std::string domain = "Exception: Lock of the AppDomain failed: Invalid argument";
+    const std::string lock = "VeException: TryLock: Mutex could not be trylocked: Permission denied";
+    const std::string unlock = "VeException: Unlock: Mutex could not be unlocked: Invalid argument";
+    EXPECT_TRUE(SucceedsInChild([&] {
+        ExpectFailures({
+            {"pthread_rwlock_init", [] { AppDomain(); }, domain},
+            {"pthread_rwlock_wrlock", [&] { appDomain.Add(typeid(int), nullptr); }, domain},
+            {"pthread_rwlock_rdlock", &Make, domain},
+            {"pthread_rwlock_rdlock", &Make, "ends the process: " + domain, 1},
+            {"pthread_mutex_trylock", &Make, "ends the process: " + lock, 2},
+            {"pthread_mutex_unlock", &Make, "ends the process: " + unlock, 2},
+            {"pthread_mutex_trylock", &Make, lock},
+            {"pthread_mutex_trylock", &Make, lock, 1},
+            {"pthread_mutex_unlock", &Make, unlock},
+            {"pthread_mutex_unlock", &Make, unlock, 1},
+        });
+        EXPECT_TRUE(factory->GetRegisteredServiceObjects().empty());
+    }));
 }
 
 TEST_F(ServiceFactoryTest, KnowsItsVersion) {
-    const Kel::BasicVersion version = factory->GetVersion();
+    const BasicVersion version = factory->GetVersion();
     EXPECT_EQ(version.GetText() + version.GetSuffix(), "2024.0.8 LTS");
     EXPECT_EQ((std::vector{version.GetMajor(), version.GetMinor(), version.GetPatch(), version.GetBuild()}),
               (std::vector{24U, 0U, 8U, 183U}));
@@ -138,56 +183,67 @@ TEST_F(ServiceFactoryTest, CountsEveryRegistrationAndRelease) {
     factory->ReleaseServiceObject(&service);
 }
 
-TEST_F(ServiceFactoryTest, RegistersWhileItRegisters) {
-    const FailingCall call("pthread_mutex_unlock", [] { const TestService inner; });
-    const TestService outer;
+TEST_F(ServiceFactoryTest, ThreadsMakeAndDeleteObjectsInAnyOrder) {
+    const auto work = [&] {
+        std::unique_ptr<TestService> services[8];
+        for (unsigned int i = 0; i < 5000; ++i) {
+            auto& service = services[i * i % 13 % 8];
+            service = service ? nullptr : std::make_unique<TestService>();
+        }
+        for (const auto& service : services) {
+            EXPECT_EQ(factory->GetRegisteredServiceObjects().count(service.get()), service ? 1U : 0U);
+        }
+    };
+    work();
+    std::thread other(work);
+    work();
+    other.join();
 }
 
 TEST_F(ServiceFactoryTest, RegistryThatIsHeldForLongIsWaitedFor) {
-    std::thread other;
-    std::atomic<bool> waits{false};
-    FailingCall blocking("pthread_mutex_lock", [&] { waits = true; });
-    blocking.InAnyThread();
-    {
-        const FailingCall held("pthread_mutex_unlock", [&] {
-            other = std::thread([] { const TestService service; });
-            WaitUntil([&] { return waits.load(); });
-        });
-        const TestService service;
-    }
-    other.join();
+    const Interposition held("pthread_mutex_trylock", [](const Interposition::Arguments&) { return EBUSY; });
+    Make();
 }
 
 TEST_F(ServiceFactoryTest, ReportsWhatIsAlive) {
     const std::vector<TestService> threads(9);
-    const std::unique_ptr<IMutexService> mutex(factory->CreateMutex(false));
+    const auto mutex = Own(factory->CreateMutex(false));
     std::ostringstream lines;
     for (const auto& entry : factory->GetRegisteredServiceObjects()) {
         lines << "WARN: service object " << entry.first << " of type '"
               << (entry.first == mutex.get() ? "Mutex" : "Thread") << "' was not destroyed.\n";
     }
-    const auto report = [this] { return OutputOf([this] { factory->PrintAllNotDestroyedServiceObjects(); }); };
-    EXPECT_EQ(report(), "WARN: 10 service objects were not destroyed:\n" + lines.str());
-    EXPECT_EQ(report(), "WARN: a service objects were not destroyed:\n" + lines.str());
+    const auto report = [this] { factory->PrintAllNotDestroyedServiceObjects(); };
+    EXPECT_EQ(OutputOf(report), "WARN: 10 service objects were not destroyed:\n" + lines.str());
+    EXPECT_EQ(OutputOf(report), "WARN: a service objects were not destroyed:\n" + lines.str());
     std::cout << std::dec;
 }
 
-TEST_F(ServiceFactoryTest, ReportsATypeWithoutName) {
-    const TestService service(ServiceType{18});
-    const std::string output = OutputOf([this] {
-        EXPECT_TRUE(Throws<Exception>([this] { factory->PrintAllNotDestroyedServiceObjects(); },
-                                      "Invalid value for Enum 'Kel::System::Ve::ServiceType' occurs: 18"));
-    });
-    std::ostringstream expected;
-    expected << "WARN: 1 service objects were not destroyed:\nWARN: service object "
-             << static_cast<const IServiceObject*>(&service) << " of type '";
-    EXPECT_EQ(output, expected.str());
-    std::cout << std::dec;
+TEST_F(ServiceFactoryTest, ReportEndsAtATypeWithoutName) {
+    const TestService service(withoutName);
+    const auto report = [this] { factory->PrintAllNotDestroyedServiceObjects(); };
+    EXPECT_TRUE(ComesTo(report, "Exception: Invalid value for Enum 'Kel::System::Ve::ServiceType' occurs: 18"));
     EXPECT_TRUE(std::cout.good());
+    std::cout << std::dec;
+}
+
+// As in a handler that the host has registered before anything else was made.
+TEST_F(NoFactoryTest, LivingObjectsAreReportedAtTheVeryEndOfTheProcess) {
+    Child child([]() -> int {
+        std::atexit([] {
+            const std::string report = OutputOf(&ServiceFactory::DisposeServiceFactory);
+            _exit(report.find(" of type 'Mutex' was not destroyed.") != std::string::npos ? 0 : 1);
+        });
+        ServiceFactory::CreateServiceFactory();
+        ServiceFactory::GetInstance()->CreateMutex(false);
+        std::ostringstream() << ServiceType::Mutex;
+        std::exit(2);  // NOLINT(concurrency-mt-unsafe): there is no other thread.
+    });
+    EXPECT_EQ(child.Wait(), 0);
 }
 
 TEST_F(ServiceFactoryTest, ServiceObjectThatOutlivesTheFactoryOrHasNoTypeEndsTheProcess) {
-    for (const ServiceType type : {ServiceType::Thread, ServiceType{18}}) {
+    for (const ServiceType type : {ServiceType::Thread, withoutName}) {
         Child child([&] {
             const TestService service(type);
             ServiceFactory::DisposeServiceFactory();

@@ -76,3 +76,26 @@ testing::AssertionResult ComesTo(const Operation& operation, const std::string& 
     const std::string actual = operation.Outcome();
     return (actual == outcome ? testing::AssertionSuccess() : testing::AssertionFailure()) << actual;
 }
+
+void ExpectBadAlloc(const std::function<void()>& operation) {
+    // What is made once and stays.
+    operation();
+    const long before = LiveAllocations();
+    const std::ptrdiff_t descriptorsBefore = OpenDescriptors();
+    bool hasHappened = true;
+    for (int skip = 0; hasHappened; ++skip) {
+        bool isTold = false;
+        {
+            const FailingAllocation allocation(skip);
+            try {
+                operation();
+            } catch (const std::bad_alloc&) {
+                isTold = true;
+            }
+            hasHappened = FailingAllocation::HasHappened();
+        }
+        EXPECT_EQ(isTold, hasHappened) << "allocation " << skip;
+        EXPECT_EQ(LiveAllocations(), before) << "allocation " << skip;
+        EXPECT_EQ(OpenDescriptors(), descriptorsBefore) << "allocation " << skip;
+    }
+}

@@ -63,3 +63,6 @@ void ExpectFailures(const std::vector<Failure>& failures);
 
 /// Succeeds when `operation` comes to `outcome`.
 testing::AssertionResult ComesTo(const Operation& operation, const std::string& outcome);
+
+/// Fails each allocation that `operation` makes in turn; expects `std::bad_alloc`, and nothing more than before.
+void ExpectBadAlloc(const std::function<void()>& operation);
