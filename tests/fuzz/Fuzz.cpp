@@ -21,7 +21,8 @@ void Require(bool holds, const char* property) {
 }
 
 ServiceFactory& Factory() {
-    static Kel::AppDomain appDomain;
+    // Never destroyed, and so no leak.
+    static auto& appDomain = *new Kel::AppDomain;
     if (Kel::Singleton<Kel::AppDomain>::pInstance == nullptr) {
         Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
         ServiceFactory::CreateServiceFactory();
