@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -124,6 +125,20 @@ void Interposition::SetEntries(Function function) const {
         }
         __atomic_store_n(entry, function, __ATOMIC_SEQ_CST);
     }
+}
+
+std::vector<Interposition::Arguments> CallsOf(const char* function, const std::function<void()>& operation) {
+    std::mutex mutex;
+    std::vector<Interposition::Arguments> calls;
+    const Interposition recorder(function, [&](const Interposition::Arguments& arguments) {
+        {
+            const std::lock_guard guard(mutex);
+            calls.push_back(arguments);
+        }
+        return recorder.CallThrough(arguments);
+    });
+    operation();
+    return calls;
 }
 
 namespace {

@@ -24,6 +24,12 @@ public:
     Interposition(const Interposition&) = delete;
     Interposition& operator=(const Interposition&) = delete;
 
+    /// Returns an argument that is a pointer.
+    template <typename T>
+    static T* Pointer(std::intptr_t argument) {
+        return reinterpret_cast<T*>(argument);  // NOLINT(performance-no-int-to-ptr)
+    }
+
     /// Calls the function itself.
     std::intptr_t CallThrough(const Arguments& arguments) const;
 
@@ -44,6 +50,9 @@ private:
     const Function original;
     std::size_t index = 0;
 };
+
+/// Returns the arguments of each call of a function that the library makes, in all threads, while `operation` runs.
+std::vector<Interposition::Arguments> CallsOf(const char* function, const std::function<void()>& operation);
 
 /// While it lives, one call that this thread has the library make of a function fails without being made; one that is
 /// never made fails the test. A function that returns the number of an error returns EINVAL, with EACCES in errno; all

@@ -123,6 +123,17 @@ void WaitUntil(Condition condition) {
     }
 }
 
+/// A thread that has begun to run `function`, and sleeps in it.
+inline std::thread Sleeping(const std::function<void()>& function) {
+    std::atomic<pid_t> id{0};
+    std::thread thread([&id, function] {
+        id = gettid();
+        function();
+    });
+    WaitUntil([&] { return id != 0 && ThreadStat(id, 3) == "S"; });
+    return thread;
+}
+
 /// A name for a named object of the system that no other process uses at the same time.
 inline BasicString UniqueName(const std::string& purpose) {
     return "/kel-test-" + purpose + "-" + std::to_string(getpid());
