@@ -1,10 +1,10 @@
 #include "support/Test.h"
 
 #include <Kel/System/Ve/Adapters/Lockable.h>
-#include <Kel/System/Ve/Adapters/Owned.h>
 #include <Kel/System/Ve/Adapters/SharedLockable.h>
 #include <Kel/System/Ve/Adapters/Wait.h>
 
+#include <array>
 #include <cstdint>
 #include <limits>
 #include <mutex>
@@ -16,17 +16,7 @@ using namespace Adapters;
 using std::chrono::duration;
 using std::chrono::hours;
 using std::chrono::nanoseconds;
-
-class AdaptersTest : public FactoryTest {
-protected:
-    const Owned<IMutexService> mutex = Own(factory->CreateMutex(false));
-    const Owned<IMutexService> recursiveMutex = Own(factory->CreateMutex(true));
-    const Owned<IRWLockService> readWriteLock = Own(factory->CreateRWLock());
-    const Owned<ICondVariableService> condition = Own(factory->CreateConditionVariable());
-    Lockable lockable{*mutex};
-    Lockable recursive{*recursiveMutex};
-    SharedLockable shared{*readWriteLock};
-};
+using std::chrono::time_point;
 
 template <template <class> class Lock, class View>
 bool IsFree(View& view) {
@@ -35,149 +25,131 @@ bool IsFree(View& view) {
     return taken;
 }
 
-TEST_F(AdaptersTest, StandardLocksHoldAndRelease) {
-    {
-        const std::lock_guard guard(lockable);
-        EXPECT_FALSE(IsFree<std::unique_lock>(lockable));
+class AdaptersTest : public FactoryTest {
+protected:
+    // Whether another thread can acquire the mutex, and the other lock to read and to write.
+    std::array<bool, 3> Free() {
+        return {IsFree<std::unique_lock>(lockable), IsFree<std::shared_lock>(shared), IsFree<std::unique_lock>(shared)};
     }
-    {
-        std::unique_lock lock(lockable);
-        lock.unlock();
-        const std::scoped_lock both(lockable, recursive, shared);
-        const std::lock_guard again(recursive);
-        EXPECT_FALSE(IsFree<std::unique_lock>(lockable));
-        EXPECT_FALSE(IsFree<std::unique_lock>(recursive));
-        EXPECT_FALSE(IsFree<std::shared_lock>(shared));
-    }
-    {
-        const std::shared_lock reading(shared);
-        EXPECT_TRUE(IsFree<std::shared_lock>(shared));
-        EXPECT_FALSE(IsFree<std::unique_lock>(shared));
-    }
-    EXPECT_TRUE(IsFree<std::unique_lock>(lockable));
-    EXPECT_TRUE(IsFree<std::unique_lock>(recursive));
-    EXPECT_TRUE(IsFree<std::unique_lock>(shared));
-}
 
-// Its epoch is two thousand years ago, which are more nanoseconds than there are numbers.
-struct AncientClock {
-    using duration = std::chrono::seconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<AncientClock>;
-    static constexpr bool is_steady = false;
-    static time_point now() {
-        return time_point(hours(2000 * 8766) + std::chrono::floor<duration>(steady_clock::now().time_since_epoch()));
-    }
+    template <class Lock, class View>
+    void ExpectHeld(View& view, const std::array<bool, 3>& freeMeanwhile);
+    template <class Lock, class View>
+    static void ExpectTimeouts(View& view);
+
+    const Owned<IMutexService> mutex = Own(factory->CreateMutex(false));
+    const Owned<IRWLockService> readWriteLock = Own(factory->CreateRWLock());
+    const Owned<ICondVariableService> condition = Own(factory->CreateConditionVariable());
+    Lockable lockable{*mutex};
+    SharedLockable shared{*readWriteLock};
 };
 
-// Calls `check(timeout, end)` with durations and time points of all kinds; none may run out before its end.
-template <class Check>
-void ForShortTimeouts(Check check) {
-    const steady_clock::time_point past;
-    check(milliseconds(-1), past);
-    check(hours::min(), past);
-    check(duration<double>(std::numeric_limits<double>::quiet_NaN()), past);
-    check(steady_clock::time_point::min(), past);
-    check(system_clock::time_point::min(), past);
-    using Unsigned = duration<std::uint64_t, std::nano>;
-    check(std::chrono::time_point<steady_clock, Unsigned>(steady_clock::now() - milliseconds(1)), past);
-    check(AncientClock::now(), past);
-    const nanoseconds exact(20000001);
-    check(exact, steady_clock::now() + exact);
-    const duration<double, std::milli> fraction(20.5);
-    check(fraction, steady_clock::now() + nanoseconds(20500000));
-    const steady_clock::time_point deadline = steady_clock::now() + exact;
-    check(deadline, deadline);
-    check(system_clock::now() + exact, past);
+template <class Lock, class View>
+void AdaptersTest::ExpectHeld(View& view, const std::array<bool, 3>& freeMeanwhile) {
+    for (const auto& acquire :
+         std::vector<std::function<Lock()>>{[&] { return Lock(view); }, [&] { return Lock(view, std::try_to_lock); },
+                                            [&] { return Lock(view, hours(1)); }}) {
+        const Lock lock = acquire();
+        EXPECT_TRUE(lock.owns_lock());
+        EXPECT_EQ(Free(), freeMeanwhile);
+    }
+    EXPECT_EQ(Free(), (std::array{true, true, true}));
 }
 
-template <class Check>
-void ForEndlessTimeouts(Check check) {
-    check(hours::max());
-    check(duration<double>(std::numeric_limits<double>::infinity()));
-    check(steady_clock::time_point::max());
-    check(std::chrono::time_point<system_clock, hours>::max());
+TEST_F(AdaptersTest, StandardLocksHoldAndRelease) {
+    ExpectHeld<std::unique_lock<Lockable>>(lockable, {false, true, true});
+    ExpectHeld<std::unique_lock<SharedLockable>>(shared, {true, false, false});
+    ExpectHeld<std::shared_lock<SharedLockable>>(shared, {true, true, false});
 }
 
 template <class Lock, class View>
-void ExpectTimeoutsToBeKept(View& view) {
-    {
-        const std::lock_guard holder(view);
-        std::thread([&] {
-            for (const long jump : {0L, -1000000L}) {
-                // As if the realtime clock, which the services wait on, were set after they have read it.
-                const WallClockJump setClock(jump);
-                ForShortTimeouts([&](const auto& timeout, steady_clock::time_point end) {
-                    EXPECT_FALSE(Lock(view, timeout).owns_lock());
-                    EXPECT_GE(steady_clock::now(), end);
-                });
-            }
-        }).join();
-    }
-    ForEndlessTimeouts([&](const auto& timeout) {
-        std::unique_lock holder(view);
-        std::thread waiting([&] { EXPECT_TRUE(Lock(view, timeout).owns_lock()); });
+void AdaptersTest::ExpectTimeouts(View& view) {
+    const steady_clock::time_point past;
+    const auto expectFailure = [&](const auto& timeout, steady_clock::time_point end) {
+        EXPECT_FALSE(Lock(view, timeout).owns_lock());
+        EXPECT_GE(steady_clock::now(), end);
+    };
+    std::unique_lock holder(view);
+    std::thread([&] {
+        // As if the clock that the services wait on were set, each time, after they have read it.
+        const Interposition clockIsSet("clock_gettime", [](const Interposition::Arguments& arguments) {
+            *Interposition::Pointer<timespec>(arguments[1]) = {};
+            return 0;
+        });
+        const nanoseconds exact(20000001);
+        const steady_clock::time_point deadline = steady_clock::now() + exact;
+        expectFailure(deadline, deadline);
+        expectFailure(duration<double, std::milli>(20.5), steady_clock::now() + nanoseconds(20500000));
+        expectFailure(system_clock::now() + exact, past);
+        expectFailure(hours::min(), past);
+        expectFailure(duration<double>(std::numeric_limits<double>::quiet_NaN()), past);
+        expectFailure(steady_clock::time_point::min(), past);
+        expectFailure(time_point<steady_clock, duration<std::uint64_t, std::nano>>(deadline), past);
+    }).join();
+
+    const auto expectSuccess = [&](const auto& timeout) {
+        std::thread waiting = Sleeping([&] { EXPECT_TRUE(Lock(view, timeout).owns_lock()); });
         holder.unlock();
         waiting.join();
-    });
+        holder.lock();
+    };
+    expectSuccess(hours::max());
+    expectSuccess(duration<double>(std::numeric_limits<double>::infinity()));
+    expectSuccess(steady_clock::time_point::max());
+    expectSuccess(time_point<system_clock, hours>::max());
 }
 
 TEST_F(AdaptersTest, TimeoutsOfLocksNeverEndEarly) {
-    ExpectTimeoutsToBeKept<std::unique_lock<Lockable>>(lockable);
-    ExpectTimeoutsToBeKept<std::unique_lock<SharedLockable>>(shared);
-    ExpectTimeoutsToBeKept<std::shared_lock<SharedLockable>>(shared);
+    ExpectTimeouts<std::unique_lock<Lockable>>(lockable);
+    ExpectTimeouts<std::unique_lock<SharedLockable>>(shared);
+    ExpectTimeouts<std::shared_lock<SharedLockable>>(shared);
 }
 
 TEST_F(AdaptersTest, WaitsEndWhenThePredicateIsTrue) {
-    int turn = 0;
-    const std::vector<std::function<void(std::unique_lock<Lockable>&, int)>> waits = {
-        [&](auto& lock, int mine) { Wait(*condition, lock, [&] { return turn == mine; }); },
-        [&](auto& lock, int mine) {
-            EXPECT_TRUE(WaitFor(*condition, lock, hours::max(), [&] { return turn == mine; }));
-        },
-        [&](auto& lock, int mine) {
-            EXPECT_TRUE(WaitUntil(*condition, lock, steady_clock::now() + hours(1), [&] { return turn == mine; }));
-        },
+    int waits = 0;
+    const auto wakeUp = [&](const Interposition::Arguments& /*arguments*/) {
+        ++waits;
+        return 0;
     };
-    const auto play = [&](int mine) {
-        std::unique_lock lock(lockable);
-        for (int i = 0; i < 100; ++i) {
-            for (const auto& wait : waits) {
-                wait(lock, mine);
-                EXPECT_TRUE(lock.owns_lock());
-                turn = 1 - mine;
-                condition->NotifyOne();
-            }
-        }
-    };
-    std::thread other([&] { play(1); });
-    play(0);
-    other.join();
-}
-
-TEST_F(AdaptersTest, TimeoutsOfWaitsNeverEndEarly) {
+    const Interposition wait("pthread_cond_wait", wakeUp);
+    const Interposition timedWait("pthread_cond_timedwait", wakeUp);
     std::unique_lock lock(lockable);
-    ForShortTimeouts([&](const auto& timeout, steady_clock::time_point end) {
-        const auto never = [] { return false; };
-        using Timeout = std::decay_t<decltype(timeout)>;
-        if constexpr (std::is_convertible_v<Timeout, ICondVariableService::SteadyTimePoint>) {
-            EXPECT_FALSE(WaitUntil(*condition, lock, timeout, never));
-        } else if constexpr (std::is_convertible_v<Timeout, duration<double>>) {
-            EXPECT_FALSE(WaitFor(*condition, lock, timeout, never));
-        }  // Other clocks cannot be waited on.
-        EXPECT_GE(steady_clock::now(), end);
-        EXPECT_TRUE(lock.owns_lock());
-    });
+    int calls = 0;
+    const auto third = [&] { return ++calls % 3 == 0; };
+    Wait(*condition, lock, third);
+    EXPECT_TRUE(calls == 3 && waits == 2);
+    EXPECT_TRUE(WaitFor(*condition, lock, hours::max(), third));
+    EXPECT_TRUE(calls == 6 && waits == 4);
+    EXPECT_TRUE(WaitUntil(*condition, lock, steady_clock::now(), third));
+    EXPECT_TRUE(calls == 9 && waits == 6);
 }
 
-// Which waits unlock before they refuse it: a second unlock would end the process.
-TEST_F(AdaptersTest, WaitWithARecursiveMutexIsAnException) {
-    std::unique_lock lock(recursive);
-    EXPECT_TRUE(Throws<VeException>([&] { Wait(*condition, lock, [] { return false; }); },
-                                    "Wait: Recursive locks are not supported by condition variables."));
-    EXPECT_FALSE(lock.owns_lock());
-    EXPECT_TRUE(IsFree<std::unique_lock>(recursive));
+TEST_F(AdaptersTest, TimeoutsOfWaitsNeverEndEarlyAndAskThePredicateOnceMore) {
+    std::unique_lock lock(lockable);
+    const auto never = [] { return false; };
+    const nanoseconds timeout(20000001);
+    EXPECT_TRUE(Takes(milliseconds(20), [&] { EXPECT_FALSE(WaitFor(*condition, lock, timeout, never)); }));
+    EXPECT_FALSE(WaitFor(*condition, lock, hours::min(), never));
+    int calls = 0;
+    EXPECT_TRUE(WaitUntil(*condition, lock, steady_clock::now(), [&] { return ++calls == 2; }));
+    EXPECT_TRUE(lock.owns_lock());
+}
+
+TEST_F(AdaptersTest, WaitThatFailsLeavesTheLockAsTheMutexIs) {
+    const auto never = [] { return false; };
+    std::unique_lock held(lockable);
+    {
+        const FailingCall failing("pthread_cond_wait");
+        EXPECT_TRUE(ComesTo([&] { Wait(*condition, held, never); }, "VeException: Invalid argument"));
+    }
+    EXPECT_TRUE(held.owns_lock());
+    // Unlocked by the refusal: a second time would end the process.
+    const auto recursiveMutex = Own(factory->CreateMutex(true));
+    Lockable recursive(*recursiveMutex);
+    std::unique_lock unlocked(recursive);
+    EXPECT_TRUE(ComesTo([&] { Wait(*condition, unlocked, never); },
+                        "VeException: Wait: Recursive locks are not supported by condition variables."));
+    EXPECT_FALSE(unlocked.owns_lock());
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include "support/SharedObject.h"
 #include "support/Test.h"
 
 #include <typeinfo>
@@ -7,65 +6,61 @@ namespace {
 
 class ConditionVariableTest : public FactoryTest {
 protected:
-    // This thread holds the mutex, or no thread does.
-    static bool IsHeld(IMutexService& mutex) {
-        bool taken = false;
-        std::thread([&] {
-            taken = mutex.TryLock();
-            if (taken) {
-                mutex.Unlock();
-            }
-        }).join();
-        return !taken;
-    }
-
     const std::unique_ptr<IMutexService> mutex{factory->CreateMutex(false)};
     const std::unique_ptr<ICondVariableService> condition{factory->CreateConditionVariable()};
 };
 
-TEST_F(ConditionVariableTest, TimedWaitsEndInTimeWithTheMutexHeldWhateverTheWallClockSays) {
-    const std::pair<std::function<bool()>, int> table[] = {
-        {[&] { return condition->WaitFor(*mutex, 0); }, 0},
-        {[&] { return condition->WaitFor(*mutex, 30); }, 30},
-        {[&] { return condition->WaitUntil(*mutex, steady_clock::now() + milliseconds(30)); }, 30},
-        {[&] { return condition->WaitUntil(*mutex, steady_clock::now() - milliseconds(30)); }, 0},
-        {[&] { return condition->WaitUntil(*mutex, ICondVariableService::SteadyTimePoint::min()); }, 0},
-    };
-    const MutexGuard guard(*mutex);
-    for (const long seconds : {0L, -1000000L, 1000000L}) {
-        const WallClockJump jump(seconds);
-        for (const auto& [wait, atLeast] : table) {
-            // No thread notifies, but a wait may end without reason.
-            EXPECT_TRUE(Takes(milliseconds(atLeast), [&, wait = wait] { WaitUntil([&] { return !wait(); }); }));
-            EXPECT_TRUE(IsHeld(*mutex));
+TEST_F(ConditionVariableTest, WakesThreadsAndProcessesThatWait) {
+    // Whoever misses a notification waits for ever.
+    const auto takeTurns = [](auto& guarded, auto& changed, int& turn, int own) {
+        const MutexGuard guard(guarded);
+        for (int i = 0; i < 1000; ++i) {
+            while (turn != own) {
+                changed.Wait(guarded);
+            }
+            turn = 1 - own;
+            changed.NotifyOne();
         }
-    }
+    };
+    int turn = 0;
+    std::thread thread([&] { takeTurns(*mutex, *condition, turn, 1); });
+    takeTurns(*mutex, *condition, turn, 0);
+    thread.join();
+
+    struct Shared {
+        IpcMutexService mutex;
+        IpcCondVarService condition;
+        int turn = 0;
+    };
+    const SharedObject<Shared> shared;
+    shared->mutex.Init(false);
+    Child child([&] {
+        takeTurns(shared->mutex, shared->condition, shared->turn, 1);
+        return 0;
+    });
+    takeTurns(shared->mutex, shared->condition, shared->turn, 0);
+    EXPECT_EQ(child.Wait(), 0);
 }
 
-// A consumer that misses one notification waits for ever.
-TEST_F(ConditionVariableTest, WakesThoseWhoWait) {
-    const std::vector<std::function<void()>> waits = {
-        [&] { condition->Wait(*mutex); },
-        [&] { EXPECT_TRUE(condition->WaitFor(*mutex, 100000)); },
-        [&] { EXPECT_TRUE(condition->WaitUntil(*mutex, steady_clock::now() + std::chrono::hours(1))); },
-        [&] { EXPECT_TRUE(condition->WaitUntil(*mutex, ICondVariableService::SteadyTimePoint::max())); },
+TEST_F(ConditionVariableTest, TimedWaitsDoNotEndEarly) {
+    IpcMutexService ipcMutex;
+    ipcMutex.Init(false);
+    IpcCondVarService ipcCondition;
+    const std::pair<int, std::function<bool()>> table[] = {
+        {0, [&] { return condition->WaitFor(*mutex, 0); }},
+        {30, [&] { return condition->WaitFor(*mutex, 30); }},
+        {30,
+         [&] {
+             const MutexGuard ipcGuard(ipcMutex);
+             return ipcCondition.WaitFor(ipcMutex, 30);
+         }},
+        {30, [&] { return condition->WaitUntil(*mutex, steady_clock::now() + milliseconds(30)); }},
+        {0, [&] { return condition->WaitUntil(*mutex, steady_clock::time_point::min()); }},
     };
-    for (const auto& wait : waits) {
-        int turn = 0;
-        // 100 times, in turn with the other.
-        const auto take = [&](int own, const std::function<void()>& notify) {
-            const MutexGuard guard(*mutex);
-            for (int i = 0; i < 100; ++i) {
-                while (turn != own) {
-                    wait();
-                }
-                turn = 1 - own;
-                notify();
-            }
-        };
-        std::thread other(take, 1, [&] { condition->NotifyOne(); });
-        take(0, [&] { condition->NotifyAll(); });
-        other.join();
+    const MutexGuard guard(*mutex);
+    for (const auto& [atLeast, wait] : table) {
+        // Nobody notifies, but a wait may end without reason.
+        EXPECT_TRUE(Takes(milliseconds(atLeast), [wait = wait] { WaitUntil([&] { return !wait(); }); }));
     }
 }
 
@@ -80,59 +75,55 @@ TEST_F(ConditionVariableTest, RefusesARecursiveMutexAfterUnlockingItAndOneOfAnot
         void Unlock() override {}
     };
     ForeignMutex foreign;
-    const std::unique_ptr<IMutexService> recursive(factory->CreateMutex(true));
+    const auto recursive = Own(factory->CreateMutex(true));
     const std::pair<std::string, std::function<void(IMutexService&)>> table[] = {
         {"Wait", [&](IMutexService& with) { condition->Wait(with); }},
         {"WaitFor", [&](IMutexService& with) { condition->WaitFor(with, 1); }},
         {"WaitUntil", [&](IMutexService& with) { condition->WaitUntil(with, steady_clock::now()); }}};
-    for (const auto& row : table) {
+    for (const auto& [name, wait] : table) {
         recursive->Lock();
-        EXPECT_TRUE(Throws([&] { row.second(*recursive); },
-                           row.first + ": Recursive locks are not supported by condition variables."));
-        EXPECT_FALSE(IsHeld(*recursive));
-        EXPECT_THROW(row.second(foreign), std::bad_cast);
+        const auto refusal = [&, name = name, wait = wait] {
+            EXPECT_TRUE(
+                ComesTo([&] { wait(*recursive); },
+                        "VeException: " + name + ": Recursive locks are not supported by condition variables."));
+        };
+        EXPECT_EQ(CallsOf("pthread_mutex_unlock", refusal).size(), 1U);
+        EXPECT_THROW(wait(foreign), std::bad_cast);
     }
 }
 
-TEST(IpcCondVarTest, LosesNothingBetweenProcesses) {
-    constexpr int messages = 100000;
-    struct Shared {
-        IpcMutexService mutex;
-        IpcCondVarService changed;
-        int produced = 0;
-        int consumed = 0;
-    };
-    const SharedObject<Shared> shared;
-    shared->mutex.Init(false);
-    {
-        Child consumer([&] {
-            const MutexGuard guard(shared->mutex);
-            while (shared->consumed < messages) {
-                while (shared->consumed == shared->produced) {
-                    shared->changed.Wait(shared->mutex);
-                }
-                ++shared->consumed;
-                shared->changed.NotifyAll();
-            }
-            return 0;
-        });
-        for (int i = 0; i < messages; ++i) {
-            const MutexGuard guard(shared->mutex);
-            // A queue of sixteen places.
-            while (shared->produced - shared->consumed == 16) {
-                shared->changed.WaitFor(shared->mutex, 100000);
-            }
-            ++shared->produced;
-            shared->changed.NotifyOne();
-        }
-        EXPECT_EQ(consumer.Wait(), 0);
-    }
-    EXPECT_EQ(shared->consumed, messages);
-    shared->mutex.Lock();
-    EXPECT_FALSE(shared->changed.WaitFor(shared->mutex, 0));
-    shared->mutex.Unlock();
-    shared->changed.Destroy();
-    shared->mutex.Destroy();
+TEST_F(ConditionVariableTest, IsMadeForThreadsOfOneProcess) {
+    const auto calls = CallsOf("pthread_condattr_setpshared", [&] { Own(factory->CreateConditionVariable()); });
+    EXPECT_EQ(static_cast<int>(calls.at(0)[1]), PTHREAD_PROCESS_PRIVATE);
+}
+
+TEST_F(ConditionVariableTest, IsDestroyedOnce) {
+    EXPECT_EQ(CallsOf("pthread_cond_destroy", [] { ConditionVariableService().Destroy(); }).size(), 1U);
+}
+
+TEST_F(ConditionVariableTest, FailuresAreReported) {
+    const auto create = [&] { return factory->CreateConditionVariable(); };
+    IpcMutexService ipcMutex;
+    IpcCondVarService ipcCondition;
+    ExpectFailures({
+        {"pthread_condattr_init", create, "VeException: Could not initialize condition variable attribute."},
+        {"pthread_condattr_setclock", create,
+         "VeException: Could not set MONOTONIC clock as reference for condition variable."},
+        {"pthread_condattr_setpshared", create, "VeException: Could not mark event as process private only."},
+        {"pthread_cond_init", create, "VeException: Invalid argument"},
+        {"pthread_condattr_destroy", create, "VeException: Could not destroy condition variable attribute."},
+        {"pthread_cond_wait", [&] { condition->Wait(*mutex); }, "VeException: Invalid argument"},
+        {"pthread_cond_wait", [&] { ipcCondition.Wait(ipcMutex); }, "VeException: Invalid argument"},
+        {"pthread_cond_timedwait", [&] { condition->WaitFor(*mutex, 1); }, "VeException: Invalid argument"},
+        // The text is that of errno.
+        {"pthread_cond_timedwait", [&] { ipcCondition.WaitFor(ipcMutex, 1); }, "VeException: Permission denied"},
+        {"pthread_cond_signal", [&] { condition->NotifyOne(); }, "VeException: Invalid argument"},
+        {"pthread_cond_signal", [&] { ipcCondition.NotifyOne(); }, "VeException: Invalid argument"},
+        {"pthread_cond_broadcast", [&] { condition->NotifyAll(); }, "VeException: Invalid argument"},
+        {"pthread_cond_broadcast", [&] { ipcCondition.NotifyAll(); }, "VeException: Invalid argument"},
+        {"pthread_cond_destroy", [&] { ipcCondition.Destroy(); }, "VeException: Invalid argument"},
+        {"pthread_cond_destroy", create, "ends the process: VeException: Invalid argument"},
+    });
 }
 
 }  // namespace

@@ -4,58 +4,63 @@ namespace {
 
 using MutexTest = FactoryTest;
 
-// Both kinds of mutex behave alike.
-template <typename Mutex>
-void ExpectExclusion(Mutex& mutex, bool isRecursive) {
-    EXPECT_EQ(mutex.IsRecursive(), isRecursive);
-    mutex.Lock();
-    EXPECT_EQ(mutex.TryLock(), isRecursive);
-    EXPECT_EQ(mutex.TimedLock(0), isRecursive ? 0 : -1);
-    std::thread waiting([&] {
-        EXPECT_EQ(mutex.TimedLock(100000), 0);
-        mutex.Unlock();
-    });
-    for (int i = isRecursive ? 3 : 1; i > 0; --i) {
-        std::thread([&] {
-            EXPECT_FALSE(mutex.TryLock());
-            EXPECT_EQ(mutex.TimedLock(0), -1);
-            EXPECT_TRUE(Takes<system_clock>(milliseconds(30), [&] { EXPECT_EQ(mutex.TimedLock(30), -1); }));
-        }).join();
-        mutex.Unlock();
-    }
-    waiting.join();
-    EXPECT_EQ(mutex.TimedLock(0), 0);
-    mutex.Unlock();
-}
-
 TEST_F(MutexTest, ExcludesOtherThreadsUntilUnlockedAsOftenAsLocked) {
     for (const bool isRecursive : {false, true}) {
-        ExpectExclusion(*Own(factory->CreateMutex(isRecursive)), isRecursive);
-        IpcMutexService ipcMutex;
-        ipcMutex.Init(isRecursive);
-        ExpectExclusion(ipcMutex, isRecursive);
-        ipcMutex.Destroy();
+        const auto mutex = Own(factory->CreateMutex(isRecursive));
+        EXPECT_EQ(mutex->IsRecursive(), isRecursive);
+        mutex->Lock();
+        EXPECT_EQ(mutex->TryLock(), isRecursive);
+        EXPECT_EQ(mutex->TimedLock(0), isRecursive ? 0 : -1);
+        for (int i = isRecursive ? 3 : 1; i > 0; --i) {
+            std::thread([&] {
+                EXPECT_FALSE(mutex->TryLock());
+                EXPECT_EQ(mutex->TimedLock(1), -1);
+            }).join();
+            mutex->Unlock();
+        }
+        EXPECT_TRUE(mutex->TryLock());
+        mutex->Unlock();
     }
 }
 
-TEST_F(MutexTest, IsSharedWithOtherProcessesIfAskedFor) {
-    for (const auto sharing : {MutexService::ProcessPrivate, MutexService::InterProcess}) {
+TEST_F(MutexTest, IsMadeForItsUsers) {
+    const auto setting = [](const char* function, const std::function<void()>& make) {
+        return static_cast<int>(CallsOf(function, make).at(0)[1]);
+    };
+    const auto make = [&] { Own(factory->CreateMutex(false)); };
+    const auto makeShared = [] { MutexService().Init(false, MutexService::InterProcess); };
+    const auto makeIpc = [] { IpcMutexService().Init(true); };
+    EXPECT_EQ(setting("pthread_mutexattr_setprotocol", make), PTHREAD_PRIO_INHERIT);
+    EXPECT_EQ(setting("pthread_mutexattr_setpshared", make), PTHREAD_PROCESS_PRIVATE);
+    EXPECT_EQ(setting("pthread_mutexattr_setpshared", makeShared), PTHREAD_PROCESS_SHARED);
+    EXPECT_EQ(setting("pthread_mutexattr_setpshared", makeIpc), PTHREAD_PROCESS_SHARED);
+    EXPECT_EQ(setting("pthread_mutexattr_settype", makeIpc), PTHREAD_MUTEX_RECURSIVE);
+    EXPECT_TRUE(CallsOf("pthread_mutexattr_setrobust", make).empty());
+}
+
+TEST_F(MutexTest, IsDestroyedOnceIfItWasMade) {
+    EXPECT_TRUE(CallsOf("pthread_mutex_destroy", [] { const MutexService notMade; }).empty());
+    const auto makeAndDestroy = [] {
         MutexService mutex;
-        mutex.Init(false, sharing);
-        // What the C library has noted of it.
-        EXPECT_EQ((mutex.GetPosixMutex().GetNativeHandle()->__data.__kind & 128) != 0,
-                  sharing == MutexService::InterProcess);
-    }
+        mutex.Init(false, MutexService::ProcessPrivate);
+        mutex.Destroy();
+    };
+    EXPECT_EQ(CallsOf("pthread_mutex_destroy", makeAndDestroy).size(), 1U);
 }
 
 TEST_F(MutexTest, FailuresAreReported) {
     const auto create = [&] { return factory->CreateMutex(false); };
     const auto mutex = Own(create());
-    const auto lock = [&] { mutex->Lock(); };
     const auto held = Own(create());
     held->Lock();
     IpcMutexService ipcMutex;
-    // Of Try and Timed, the text is that of errno.
+    const auto deleteLocked = [&] { Own(create())->Lock(); };
+    const auto lockTwice = [&] {
+        const auto locked = Own(create());
+        locked->Lock();
+        locked->TimedLock(1);
+    };
+    // Of TryLock and TimedLock, the text is that of errno.
     ExpectFailures({
         {"pthread_mutexattr_init", create, "VeException: Init: Could not initialize mutex attribute: Invalid argument"},
         {"pthread_mutexattr_settype", create, "VeException: Init: Could not set the mutex type: Invalid argument"},
@@ -66,7 +71,8 @@ TEST_F(MutexTest, FailuresAreReported) {
         {"pthread_mutex_init", create, "VeException: Init: Mutex could not be initiated: Invalid argument"},
         {"pthread_mutexattr_setrobust", [&] { ipcMutex.Init(false); },
          "VeException: Init: Mutex could not be initiated: Invalid argument"},
-        {"pthread_mutex_lock", lock, "VeException: Lock: Mutex could not be locked: Invalid argument"},
+        {"pthread_mutex_lock", [&] { mutex->Lock(); },
+         "VeException: Lock: Mutex could not be locked: Invalid argument"},
         {"pthread_mutex_unlock", [&] { held->Unlock(); },
          "VeException: Unlock: Mutex could not be unlocked: Invalid argument"},
         {"pthread_mutex_trylock", [&] { mutex->TryLock(); },
@@ -75,10 +81,14 @@ TEST_F(MutexTest, FailuresAreReported) {
          "VeException: TimedLock: Mutex could not be timelocked: Permission denied"},
         {"pthread_mutex_timedlock", [&] { held->TimedLock(1); },
          "VeException: TimedLock: Mutex could not be timelocked: Permission denied"},
+        // Whose holder has died is unlocked: or else its end would end the process.
+        {"pthread_mutex_timedlock", lockTwice, "VeException: TimedLock: Mutex could not be timelocked: Owner died", 0,
+         EOWNERDEAD},
         {"clock_gettime", [&] { held->TimedLock(1); }, "VeException: Could not compute timeout."},
         {"pthread_mutexattr_gettype", [&] { mutex->IsRecursive(); },
          "VeException: IsRecursive: Could not query mutex type: Invalid argument"},
-        {"pthread_mutexattr_destroy", create,
+        // The attribute is destroyed first: nobody has asked yet whether the mutex is held.
+        {"pthread_mutexattr_destroy", deleteLocked,
          "ends the process: VeException: Destroy: Could not destroy mutex attribute: Invalid argument"},
         {"pthread_mutex_destroy", create,
          "ends the process: VeException: Destroy: Mutex could not be destroyed: Invalid argument"},
