@@ -1,21 +1,18 @@
-#include "support/TemporaryFolder.h"
 #include "support/Test.h"
-#include "support/UniqueName.h"
 
 #include <Kel/System/Ve/Internal/Linux/FileDescriptor.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <array>
 #include <map>
+
+// NOLINTBEGIN(performance-no-int-to-ptr): the arguments of a replaced call are machine words.
 
 namespace {
 
@@ -28,73 +25,115 @@ using PollMode = ISocketService::PollMode;
 using ShutdownMode = ISocketService::ShutdownMode;
 using Error = ISocketService::SocketError;
 using Socket = std::unique_ptr<ISocketService>;
+using Arguments = Interposition::Arguments;
 
 constexpr unsigned int withoutLimit = 0xFFFFFFFF;
-const unsigned int loopback = htonl(INADDR_LOOPBACK);
-
-// The results of the operations that tell an error beside it, with that error.
-using Result = std::pair<int, Error>;
-constexpr Result ready{1, Error::Success};
-constexpr Result reset{1, Error::ConnReset};
-constexpr Result closed{-1, Error::NotSock};
-
-Result Send(ISocketService& socket, const std::string& text) {
-    Error error{};
-    const int count = socket.Send(text.data(), static_cast<unsigned int>(text.size()), error);
-    return {count, error};
-}
-
-Result SendTo(ISocketService& socket, const std::string& text, int port) {
-    Error error{};
-    const int count = socket.SendTo(text.data(), static_cast<unsigned int>(text.size()), error, loopback, port);
-    return {count, error};
-}
-
-Result Poll(ISocketService& socket, PollMode mode, unsigned int timeoutMs = 60000) {
-    Error error{};
-    const int result = socket.Poll(mode, timeoutMs, error);
-    return {result, error};
-}
-
-Result Select(ISocketService& socket, SelectMode mode, unsigned int timeoutUs = 60000000) {
-    Error error{};
-    const int result = socket.Select(mode, timeoutUs, error);
-    return {result, error};
-}
-
-/// What comes next, or the number of the error.
-std::string Receive(ISocketService& socket) {
-    std::array<char, 100> buffer;
-    Error error{};
-    const int count = socket.Recv(buffer.data(), buffer.size(), error);
-    return count == -1 ? std::to_string(static_cast<int>(error))
-                       : std::string(buffer.data(), static_cast<unsigned>(count));
-}
+// Neither is the address that the system chooses by itself.
+const unsigned int serverAddress = htonl(INADDR_LOOPBACK + 1);
+const unsigned int clientAddress = htonl(INADDR_LOOPBACK + 2);
 
 int Number(Error error) { return static_cast<int>(error); }
 
-/// Binds to a path by other means.
-int BindToPath(int descriptor, const std::string& path) {
+/// The result of an operation that tells an error beside it.
+std::string Tell(int result, Error error) {
+    return std::to_string(result) + ", error " + std::to_string(Number(error));
+}
+
+constexpr char nothing[] = "0, error 0";
+constexpr char ready[] = "1, error 0";
+constexpr char peerClosed[] = "1, error 10054";
+constexpr char shutDown[] = "1, error 10058";
+constexpr char timedOut[] = "0, error 10060";
+constexpr char unclassified[] = "-1, error -1";
+constexpr char invalid[] = "-1, error 10022";
+constexpr char wouldBlock[] = "-1, error 10035";
+constexpr char closed[] = "-1, error 10038";
+constexpr char notConnected[] = "-1, error 10057";
+constexpr char noDomain[] = "VeException: GetPosixSocketDomain: Could not determine socket domain, invalid value.";
+
+std::string Send(ISocketService& socket, const std::string& text) {
+    Error error{};
+    const int count = socket.Send(text.data(), static_cast<unsigned int>(text.size()), error);
+    return Tell(count, error);
+}
+
+std::string SendTo(ISocketService& socket, const std::string& text, int port) {
+    Error error{};
+    const int count = socket.SendTo(text.data(), static_cast<unsigned int>(text.size()), error, serverAddress, port);
+    return Tell(count, error);
+}
+
+std::string Poll(ISocketService& socket, PollMode mode, unsigned int timeoutMs = 60000) {
+    Error error{};
+    const int result = socket.Poll(mode, timeoutMs, error);
+    return Tell(result, error);
+}
+
+std::string Select(ISocketService& socket, SelectMode mode, unsigned int timeoutUs = 60000000) {
+    Error error = Error::Unclassified;
+    const int result = socket.Select(mode, timeoutUs, error);
+    return Tell(result, error);
+}
+
+/// What comes next, in quotes, or the error.
+std::string Receive(ISocketService& socket) {
+    char buffer[100];
+    Error error = Error::Unclassified;
+    const int count = socket.Recv(buffer, sizeof buffer, error);
+    return error == Error::Success ? "'" + std::string(buffer, static_cast<unsigned int>(count)) + "'"
+                                   : Tell(count, error);
+}
+
+/// The same, with the sender.
+std::string ReceiveFrom(ISocketService& socket, unsigned int& address, int& port) {
+    char buffer[100];
+    Error error = Error::Unclassified;
+    const int count = socket.RecvFrom(buffer, sizeof buffer, error, address, port);
+    return error == Error::Success ? "'" + std::string(buffer, static_cast<unsigned int>(count)) + "'"
+                                   : Tell(count, error);
+}
+
+/// An address that a program without this library would use.
+sockaddr_un LocalAddress(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::copy_n(path.data(), std::min(path.size(), sizeof address.sun_path), address.sun_path);
+    path.copy(address.sun_path, sizeof address.sun_path);
+    return address;
+}
+
+int BindToPath(int descriptor, const std::string& path) {
+    const sockaddr_un address = LocalAddress(path);
     return bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
 bool ClosesOnExec(const ISocketService& socket) { return fcntl(socket.GetSocketDescriptor(), F_GETFD) == FD_CLOEXEC; }
 bool Blocks(const ISocketService& socket) { return (fcntl(socket.GetSocketDescriptor(), F_GETFL) & O_NONBLOCK) == 0; }
 
+/// Leaves no zeros on the stack, which would end a text that has lost its own.
+[[gnu::noinline]] void FillStack() {
+    volatile char garbage[8192];
+    for (volatile char& byte : garbage) {
+        byte = 'x';
+    }
+}
+
+/// The two ends of a TCP connection.
+struct Connection {
+    Socket client;
+    Socket server;
+};
+
 class SocketTest : public FactoryTest {
 protected:
     Socket Make(Type type, Domain domain = Domain::Ipv4, Blocking blocking = Blocking::Blocking) {
-        return Socket(factory->CreateSocket(type, domain, blocking));
+        return Own(factory->CreateSocket(type, domain, blocking));
     }
 
-    /// A socket on a port of its own of the loopback interface; a stream socket listens there.
-    Socket Bound(Type type, int& port, Blocking blocking = Blocking::Blocking) {
+    /// A socket on a port that the system chooses; a stream socket listens there.
+    Socket Bound(Type type, int& port, Blocking blocking = Blocking::Blocking, unsigned int address = serverAddress) {
         Socket socket = Make(type, Domain::Ipv4, blocking);
         port = 0;
-        EXPECT_EQ(socket->Bind(loopback, port), 0);
+        EXPECT_EQ(socket->Bind(address, port), 0);
         EXPECT_EQ(socket->Listen(1), type == Type::Stream ? 0 : Number(Error::OpNotSupp));
         return socket;
     }
@@ -107,41 +146,19 @@ protected:
         return listener;
     }
 
-    static Socket Accept(ISocketService& listener, BasicString* peer = nullptr) {
-        Error error = Error::Unclassified;
-        BasicString unused = "old";
-        Socket server(listener.Accept(peer != nullptr ? *peer : unused, error));
-        EXPECT_EQ(error, server ? Error::Success : Error::WouldBlock);
-        return server;
+    static Socket Accept(ISocketService& listener) {
+        unsigned int address = 0;
+        int port = 0;
+        Error error{};
+        return Own(listener.Accept(address, port, error));
     }
-
-    /// The two ends of a TCP connection.
-    struct Connection {
-        Socket client;
-        Socket server;
-    };
 
     Connection Connect() {
         int port = 0;
         const Socket listener = Bound(Type::Stream, port);
-        EXPECT_EQ(Poll(*listener, PollMode::Acceptable, 0), Result(0, Error::TimedOut));
         Connection connection{Make(Type::Stream), nullptr};
-        EXPECT_EQ(connection.client->Connect(loopback, port), 0);
-        EXPECT_EQ(Poll(*listener, PollMode::Acceptable).first, 1);
-        EXPECT_EQ(Select(*listener, SelectMode::Acceptable), ready);
-        unsigned int address = 0;
-        int peerPort = 0;
-        Error error = Error::Unclassified;
-        connection.server.reset(listener->Accept(address, peerPort, error));
-        EXPECT_EQ(error, Error::Success);
-        EXPECT_EQ(address, loopback);
-        sockaddr_in own{};
-        socklen_t length = sizeof own;
-        getsockname(connection.client->GetSocketDescriptor(), reinterpret_cast<sockaddr*>(&own), &length);
-        EXPECT_EQ(peerPort, ntohs(own.sin_port));
-        EXPECT_TRUE(ClosesOnExec(*connection.client) && ClosesOnExec(*connection.server));
-        EXPECT_EQ(Poll(*connection.client, PollMode::Writable), ready);
-        EXPECT_EQ(Select(*connection.client, SelectMode::Connected), ready);
+        EXPECT_EQ(connection.client->Connect(serverAddress, port), 0);
+        connection.server = Accept(*listener);
         return connection;
     }
 
@@ -149,34 +166,56 @@ protected:
     const TemporaryFolder folder;
 };
 
+TEST_F(SocketTest, ListenerAcceptsWhoConnects) {
+    int port = 0;
+    const Socket listener = Bound(Type::Stream, port);
+    EXPECT_EQ(Poll(*listener, PollMode::Acceptable, 0), timedOut);
+    const Socket client = Make(Type::Stream);
+    int clientPort = 0;
+    EXPECT_EQ(client->Bind(clientAddress, clientPort), 0);
+    EXPECT_EQ(client->Connect(serverAddress, port), 0);
+    EXPECT_EQ(Poll(*listener, PollMode::Acceptable), ready);
+    EXPECT_EQ(Select(*listener, SelectMode::Acceptable), ready);
+    unsigned int address = 0;
+    int peerPort = 0;
+    Error error = Error::Unclassified;
+    const Socket server = Own(listener->Accept(address, peerPort, error));
+    EXPECT_EQ(error, Error::Success);
+    EXPECT_EQ(address, clientAddress);
+    EXPECT_EQ(peerPort, clientPort);
+    EXPECT_TRUE(ClosesOnExec(*client) && ClosesOnExec(*server));
+    EXPECT_EQ(Send(*server, "hello"), "5, error 0");
+    EXPECT_EQ(Receive(*client), "'hello'");
+    EXPECT_EQ(client->Connect(serverAddress, port), Number(Error::IsConn));
+}
+
 TEST_F(SocketTest, DatagramsCarryTheirSender) {
     int port = 0;
     int senderPort = 0;
     const Socket receiver = Bound(Type::Datagram, port);
-    const Socket sender = Bound(Type::Datagram, senderPort);
-    Error error = Error::Unclassified;
-    char buffer[10];
+    const Socket sender = Bound(Type::Datagram, senderPort, Blocking::Blocking, clientAddress);
     unsigned int address = 0;
     int from = 0;
-    EXPECT_EQ(SendTo(*sender, "hello", port), Result(5, Error::Success));
-    EXPECT_EQ(receiver->RecvFrom(buffer, sizeof buffer, error, address, from), 5);
-    EXPECT_EQ(address, loopback);
+    EXPECT_EQ(SendTo(*sender, "hello", port), "5, error 0");
+    EXPECT_EQ(ReceiveFrom(*receiver, address, from), "'hello'");
+    EXPECT_EQ(address, clientAddress);
     EXPECT_EQ(from, senderPort);
     // An empty one looks like a closed connection to Poll, but not to Recv.
-    EXPECT_EQ(SendTo(*sender, "", port), Result(0, Error::Success));
-    EXPECT_EQ(Poll(*receiver, PollMode::Readable), reset);
-    EXPECT_EQ(Receive(*receiver), "");
+    EXPECT_EQ(SendTo(*sender, "", port), nothing);
+    EXPECT_EQ(Poll(*receiver, PollMode::Readable), peerClosed);
+    EXPECT_EQ(Receive(*receiver), "''");
 
     receiver->SetOptionBlocking(false);
-    EXPECT_EQ(receiver->RecvFrom(buffer, sizeof buffer, error, address, from), -1);
-    EXPECT_EQ(error, Error::WouldBlock);
+    EXPECT_EQ(ReceiveFrom(*receiver, address, from), wouldBlock);
+    EXPECT_EQ(address, clientAddress);
     EXPECT_EQ(from, senderPort);
-    EXPECT_EQ(SendTo(*sender, std::string(100000, 'x'), port), Result(-1, Error::MsgSize));
+    EXPECT_EQ(SendTo(*sender, std::string(100000, 'x'), port), "-1, error 10040");
+    EXPECT_EQ(Send(*sender, "x"), "-1, error 10039");
     receiver->Close();
-    EXPECT_EQ(sender->Connect(loopback, port), 0);
-    EXPECT_EQ(Send(*sender, "x"), Result(1, Error::Success));
-    EXPECT_EQ(Poll(*sender, PollMode::Readable), Result(-1, Error::Unclassified));
-    EXPECT_EQ(Send(*sender, "x"), Result(-1, Error::ConnRefused));
+    EXPECT_EQ(sender->Connect(serverAddress, port), 0);
+    EXPECT_EQ(Send(*sender, "x"), ready);
+    EXPECT_EQ(Poll(*sender, PollMode::Readable), unclassified);
+    EXPECT_EQ(Send(*sender, "x"), "-1, error 10061");
 }
 
 TEST_F(SocketTest, LocalNamesAreAbstract) {
@@ -187,18 +226,23 @@ TEST_F(SocketTest, LocalNamesAreAbstract) {
     EXPECT_EQ(client->Connect(name + "-none"), Number(Error::ConnRefused));
     EXPECT_EQ(client->Connect(name), 0);
     BasicString peer = "old";
-    const Socket server = Accept(*listener, &peer);
+    Error error = Error::Unclassified;
+    const Socket server = Own(listener->Accept(peer, error));
     EXPECT_EQ(peer, "");
-    EXPECT_EQ(Send(*server, "x"), Result(1, Error::Success));
-    EXPECT_EQ(Receive(*client), "x");
+    EXPECT_EQ(error, Error::Success);
+    EXPECT_EQ(Send(*server, "x"), ready);
+    EXPECT_EQ(Receive(*client), "'x'");
 
-    // 106 characters count.
+    // 106 characters count, with the null before and those behind.
     const BasicString longName = name + std::string(106 - name.size(), 'x');
     const Socket receiver = Make(Type::Datagram, Domain::Local);
     EXPECT_EQ(receiver->Bind(longName + "and more"), 0);
     const Socket sender = Make(Type::Datagram, Domain::Local);
     EXPECT_EQ(sender->Connect(longName.substr(0, 105)), Number(Error::ConnRefused));
     EXPECT_EQ(sender->Connect(longName + "or other"), 0);
+    const FileDescriptor other(socket(AF_UNIX, SOCK_STREAM, 0));
+    const sockaddr_un address = LocalAddress('\0' + name);
+    EXPECT_EQ(connect(other.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
 
     for (const auto& [size, expected] :
          {std::pair(0U, "......"), {1U, "......"}, {2U, "......"}, {3U, ".a...."}, {5U, ".abc.."}}) {
@@ -211,14 +255,18 @@ TEST_F(SocketTest, LocalNamesAreAbstract) {
 TEST_F(SocketTest, SocketFilesAreConnectedToAndRemovedByWhoIsBoundToThem) {
     // Bound by other means; the second path fills its place to the last byte.
     const std::string path = folder / std::string(107 - (folder / "").size(), 'r');
-    const std::string longPath = folder / std::string(108 - (folder / "").size(), 'x');
-    const FileDescriptor receiver(socket(AF_UNIX, SOCK_DGRAM, 0));
-    ASSERT_EQ(BindToPath(receiver.Get(), path), 0);
-    const Socket sender(factory->CreateNonAbstractIpcSocket());
+    const std::string longPath = folder / std::string(108 - (folder / "").size(), 'y');
+    int descriptor = socket(AF_UNIX, SOCK_DGRAM, 0);
+    ASSERT_EQ(BindToPath(descriptor, path), 0);
+    const Socket receiver = Own(factory->CreateSocket(&descriptor));
+    const Socket sender = Own(factory->CreateNonAbstractIpcSocket());
     EXPECT_TRUE(Blocks(*sender));
-    EXPECT_EQ(sender->Connect(path), 0);
-    EXPECT_EQ(Send(*sender, "x"), Result(1, Error::Success));
+    EXPECT_EQ(sender->Connect(path + "and more"), 0);
+    EXPECT_EQ(Send(*sender, "x"), ready);
+    EXPECT_EQ(Receive(*receiver), "'x'");
+    // One that was taken over is nobody's to remove.
     EXPECT_EQ(sender->Close(), 0);
+    EXPECT_EQ(receiver->Close(), 0);
     EXPECT_TRUE(std::filesystem::exists(path));
 
     const Socket bound = Make(Type::Stream, Domain::Local);
@@ -226,163 +274,199 @@ TEST_F(SocketTest, SocketFilesAreConnectedToAndRemovedByWhoIsBoundToThem) {
     const Socket listener = ListeningOnName();
     EXPECT_EQ(bound->Connect(name), 0);
     BasicString peer;
-    Accept(*listener, &peer);
+    Error error{};
+    FillStack();
+    Own(listener->Accept(peer, error));
     EXPECT_EQ(peer, longPath);
     ASSERT_TRUE(std::filesystem::remove(longPath));
-    EXPECT_TRUE(Throws([&] { bound->Close(); }, "Could not unlink socket file."));
-    // Still open.
-    EXPECT_EQ(Select(*bound, SelectMode::Writable).first, 1);
-    std::ofstream(longPath) << "";
+    EXPECT_TRUE(ComesTo([&] { bound->Close(); }, "VeException: Could not unlink socket file."));
+    EXPECT_EQ(Poll(*bound, PollMode::Readable), peerClosed);
+    folder.Write(longPath.substr((folder / "").size()), "");
+    FillStack();
     EXPECT_EQ(bound->Close(), 0);
     EXPECT_FALSE(std::filesystem::exists(longPath));
-
-    // One that was taken over is nobody's to remove.
-    int descriptor = socket(AF_UNIX, SOCK_DGRAM, 0);
-    ASSERT_EQ(BindToPath(descriptor, longPath), 0);
-    EXPECT_EQ(Socket(factory->CreateSocket(&descriptor))->Close(), 0);
-    EXPECT_TRUE(std::filesystem::exists(longPath));
 }
 
 TEST_F(SocketTest, UnlinkTakesNoAddressForAPath) {
-    EXPECT_TRUE(SucceedsInChild([this] {
-        // What a port would be as a path.
-        folder.Write("ab", "");
-        EXPECT_EQ(chdir((folder / "").c_str()), 0);
-        SocketService socket(Type::Stream, Domain::Ipv4, Blocking::Blocking, true);
-        int port = 'a' * 256 + 'b';
-        EXPECT_EQ(socket.Bind(0, port), 0);
-        socket.Unlink();
-        EXPECT_TRUE(std::filesystem::exists("ab"));
-    }));
+    const Interposition call("unlink", [](const Arguments& /*arguments*/) -> std::intptr_t {
+        ADD_FAILURE() << "unlinks";
+        return 0;
+    });
+    SocketService socket(Type::Stream, Domain::Ipv4, Blocking::Blocking, true);
+    int port = 0;
+    EXPECT_EQ(socket.Bind(serverAddress, port), 0);
+    socket.Unlink();
 }
 
 TEST_F(SocketTest, EndOfThePeerIsSeen) {
     const std::tuple<const char*, std::function<void(ISocketService&)>, std::string> table[] = {
-        {"closes", [](ISocketService& socket) { socket.Close(); }, ""},
-        {"half-closes", [](ISocketService& socket) { socket.Shutdown(ShutdownMode::Send); }, ""},
+        {"closes", [](ISocketService& socket) { socket.Close(); }, "''"},
+        {"half-closes", [](ISocketService& socket) { socket.Shutdown(ShutdownMode::Send); }, "''"},
         {"resets",
          [](ISocketService& socket) {
              const linger atOnce{1, 0};
              setsockopt(socket.GetSocketDescriptor(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
              socket.Close();
          },
-         "10054"}};
+         "-1, error 10054"}};
     for (const auto& [what, end, received] : table) {
         SCOPED_TRACE(what);
-        const auto [client, server] = Connect();
-        end(*server);
-        EXPECT_EQ(Poll(*client, PollMode::Readable), reset);
-        EXPECT_EQ(Poll(*client, PollMode::Writable), reset);
-        EXPECT_EQ(Select(*client, SelectMode::Readable), ready);
-        EXPECT_EQ(Receive(*client), received);
+        const Connection connection = Connect();
+        end(*connection.server);
+        EXPECT_EQ(Poll(*connection.client, PollMode::Readable), peerClosed);
+        EXPECT_EQ(Poll(*connection.client, PollMode::Writable), peerClosed);
+        EXPECT_EQ(Select(*connection.client, SelectMode::Readable), ready);
+        EXPECT_EQ(Receive(*connection.client), received);
     }
-    const auto [client, server] = Connect();
-    server->Shutdown(ShutdownMode::Send);
-    EXPECT_EQ(Receive(*client), "");
-    EXPECT_EQ(Send(*client, "still"), Result(5, Error::Success));
-    EXPECT_EQ(Receive(*server), "still");
-    EXPECT_EQ(Send(*server, "x"), Result(-1, Error::NotConn));
-    // The byte that was not read makes it a reset.
-    Send(*client, "x");
-    server->Close();
-    EXPECT_EQ(Send(*client, "x"), Result(-1, Error::NotConn));
-    EXPECT_EQ(SendTo(*client, "x", 1), Result(-1, Error::NotConn));
+    const Connection connection = Connect();
+    connection.client->Shutdown(ShutdownMode::Send);
+    EXPECT_EQ(Send(*connection.server, "still"), "5, error 0");
+    EXPECT_EQ(Receive(*connection.client), "'still'");
+    // Without SIGPIPE.
+    EXPECT_EQ(Send(*connection.client, "x"), notConnected);
+    EXPECT_EQ(SendTo(*connection.client, "x", 1), notConnected);
 }
 
 TEST_F(SocketTest, PollJudgesWhatTheSystemReports) {
-    const auto [client, server] = Connect();
-    const Result shut{1, Error::Shutdown};
-    const Result unclassified{-1, Error::Unclassified};
-    const Result notSupported{-1, Error::VerNotSupported};
+    const Connection connection = Connect();
+    ISocketService& client = *connection.client;
     // The second result is that after a Shutdown by this side.
-    const std::tuple<int, Result, Result> table[] = {{POLLIN, ready, shut},
-                                                     {POLLRDNORM, ready, shut},
-                                                     {POLLRDBAND, ready, shut},
-                                                     {POLLOUT, ready, shut},
-                                                     {POLLWRNORM, ready, shut},
-                                                     {POLLWRBAND, ready, shut},
-                                                     {POLLIN | POLLHUP, reset, shut},
-                                                     {POLLHUP, reset, reset},
-                                                     {POLLHUP | POLLNVAL | POLLERR, reset, reset},
-                                                     {POLLNVAL, closed, closed},
-                                                     {POLLNVAL | POLLERR, closed, closed},
-                                                     {POLLPRI, unclassified, unclassified},
-                                                     {POLLERR | POLLRDHUP, unclassified, unclassified},
-                                                     {POLLIN | POLLRDHUP, reset, reset},
-                                                     {0, unclassified, unclassified},
-                                                     {POLLIN | POLLRDBAND, notSupported, notSupported}};
+    const std::tuple<int, const char*, const char*> table[] = {
+        {POLLIN, ready, shutDown},
+        {POLLRDNORM, ready, shutDown},
+        {POLLRDBAND, ready, shutDown},
+        {POLLOUT, ready, shutDown},
+        {POLLWRNORM, ready, shutDown},
+        {POLLWRBAND, ready, shutDown},
+        {POLLIN | POLLHUP, peerClosed, shutDown},
+        {POLLHUP, peerClosed, peerClosed},
+        {POLLHUP | POLLNVAL | POLLERR, peerClosed, peerClosed},
+        {POLLNVAL, closed, closed},
+        {POLLNVAL | POLLERR, closed, closed},
+        {POLLPRI, unclassified, unclassified},
+        {POLLERR | POLLRDHUP, unclassified, unclassified},
+        {POLLIN | POLLRDHUP, peerClosed, peerClosed},
+        {0, unclassified, unclassified},
+        {POLLIN | POLLRDBAND, "-1, error 10092", "-1, error 10092"},
+    };
     for (const bool isShutdown : {false, true}) {
         for (const auto& [events, result, afterShutdown] : table) {
-            int asked = 0;
-            const FailingCall call("poll", 1, [&, events = events](void* polled) {
-                asked = static_cast<pollfd*>(polled)->events;
-                static_cast<pollfd*>(polled)->revents = static_cast<short>(events);
+            const Interposition call("poll", [&events = events](const Arguments& arguments) {
+                reinterpret_cast<pollfd*>(arguments[0])->revents = static_cast<short>(events);
+                return 1;
             });
-            EXPECT_EQ(Poll(*client, PollMode::Acceptable), isShutdown ? afterShutdown : result)
+            EXPECT_EQ(Poll(client, PollMode::Readable), isShutdown ? afterShutdown : result)
                 << events << (isShutdown ? " after Shutdown" : "");
-            EXPECT_EQ(asked, POLLIN | POLLRDBAND);
         }
         // Known before it happens.
-        const FailingCall call("shutdown",
-                               [&, &polling = client] { EXPECT_EQ(Poll(*polling, PollMode::Writable), shut); });
-        client->Shutdown(ShutdownMode::Receive);
+        const Interposition call("shutdown", [&](const Arguments& arguments) {
+            EXPECT_EQ(Poll(client, PollMode::Writable), shutDown);
+            return call.CallThrough(arguments);
+        });
+        client.Shutdown(ShutdownMode::Receive);
     }
-    const FailingCall call("poll", -2, EINTR);
-    EXPECT_EQ(Poll(*client, PollMode::Readable), unclassified);
+    const Interposition call("poll", [](const Arguments& /*arguments*/) {
+        errno = EINTR;
+        return -2;
+    });
+    EXPECT_EQ(Poll(client, PollMode::Readable), unclassified);
+}
+
+TEST_F(SocketTest, PollAndSelectAskForWhatTheModeSays) {
+    const Connection connection = Connect();
+    ISocketService& client = *connection.client;
+    const std::tuple<PollMode, SelectMode, int> table[] = {
+        {PollMode::Readable, SelectMode::Readable, POLLIN | POLLRDBAND},
+        {PollMode::Acceptable, SelectMode::Acceptable, POLLIN | POLLRDBAND},
+        {PollMode::Writable, SelectMode::Writable, POLLOUT},
+        {PollMode::Connected, SelectMode::Connected, POLLOUT},
+    };
+    for (const auto& [pollMode, selectMode, events] : table) {
+        SCOPED_TRACE(static_cast<int>(pollMode));
+        int timeout = 0;
+        int asked = 0;
+        const Interposition pollCall("poll", [&](const Arguments& arguments) {
+            asked = reinterpret_cast<pollfd*>(arguments[0])->events;
+            timeout = static_cast<int>(arguments[2]);
+            return pollCall.CallThrough(arguments);
+        });
+        std::intptr_t limit = 0;
+        const Interposition selectCall("select", [&](const Arguments& arguments) {
+            limit = arguments[4];
+            return selectCall.CallThrough(arguments);
+        });
+        const bool isWritable = events == POLLOUT;
+        EXPECT_EQ(Poll(client, pollMode, 0), isWritable ? ready : timedOut);
+        EXPECT_EQ(asked, events);
+        EXPECT_EQ(Select(client, selectMode, 0), isWritable ? ready : nothing);
+        EXPECT_NE(limit, 0);
+        Send(*connection.server, "x");
+        EXPECT_EQ(Poll(client, pollMode, withoutLimit), ready);
+        EXPECT_EQ(timeout, -1);
+        EXPECT_EQ(Select(client, selectMode, withoutLimit), ready);
+        EXPECT_EQ(limit, 0);
+        EXPECT_EQ(Receive(client), "'x'");
+    }
+    for (const int mode : {0, 5}) {
+        EXPECT_EQ(Poll(client, static_cast<PollMode>(mode), withoutLimit), invalid);
+    }
+}
+
+TEST_F(SocketTest, PollAndSelectWaitUntilTheTimeout) {
+    const Connection connection = Connect();
+    ISocketService& client = *connection.client;
+    for (const auto& [mode, timeoutMs] : {std::pair(0, 30U), {2, 30U}, {9, 1030U}}) {
+        EXPECT_TRUE(Takes(milliseconds(timeoutMs), [&, mode = mode, timeoutMs = timeoutMs] {
+            EXPECT_EQ(Select(client, static_cast<SelectMode>(mode), timeoutMs * 1000), nothing);
+        }));
+    }
+    EXPECT_TRUE(Takes(milliseconds(30), [&] { EXPECT_EQ(Poll(client, PollMode::Readable, 30), timedOut); }));
 }
 
 TEST_F(SocketTest, ShutdownWakesWhoPolls) {
     const Connection connection = Connect();
+    ISocketService& client = *connection.client;
     std::thread other([&] {
-        EXPECT_EQ(Poll(*connection.client, PollMode::Readable, withoutLimit), Result(1, Error::Shutdown));
-        EXPECT_EQ(Select(*connection.client, SelectMode::Readable, withoutLimit), ready);
-        EXPECT_EQ(Poll(*connection.client, PollMode::Writable), reset);
+        EXPECT_EQ(Poll(client, PollMode::Readable, withoutLimit), shutDown);
+        EXPECT_EQ(Select(client, SelectMode::Readable, withoutLimit), ready);
+        EXPECT_EQ(Poll(client, PollMode::Writable), peerClosed);
     });
-    EXPECT_EQ(connection.client->Shutdown(), 0);
+    EXPECT_EQ(client.Shutdown(), 0);
     other.join();
     EXPECT_EQ(Make(Type::Stream)->Shutdown(), Number(Error::NotConn));
 }
 
 TEST_F(SocketTest, NonBlockingNeverWaits) {
-    const auto [client, server] = Connect();
-    EXPECT_EQ(Select(*server, SelectMode::Readable, 0), Result(0, Error::Success));
-    EXPECT_EQ(client->SetOptionBlocking(false), 0);
-    EXPECT_EQ(Receive(*client), "10035");
-    Result sent = ready;
-    while (sent.first > 0) {
-        sent = Send(*client, std::string(1 << 20, 'x'));
+    const Connection connection = Connect();
+    ISocketService& client = *connection.client;
+    EXPECT_EQ(client.SetOptionBlocking(false), 0);
+    EXPECT_EQ(Receive(client), wouldBlock);
+    std::string sent = ready;
+    while (sent[0] != '-') {
+        sent = Send(client, std::string(1 << 20, 'x'));
     }
-    EXPECT_EQ(sent, Result(-1, Error::WouldBlock));
-    EXPECT_EQ(Poll(*client, PollMode::Writable, 0), Result(0, Error::TimedOut));
-    EXPECT_EQ(Select(*client, SelectMode::Writable, 0), Result(0, Error::Success));
-    EXPECT_EQ(client->SetOptionBlocking(true), 0);
-    EXPECT_TRUE(Blocks(*client));
+    EXPECT_EQ(sent, wouldBlock);
+    EXPECT_EQ(Poll(client, PollMode::Writable, 0), timedOut);
+    EXPECT_EQ(client.SetOptionBlocking(true), 0);
+    EXPECT_TRUE(Blocks(client));
 
     int port = 0;
     const Socket listener = Bound(Type::Stream, port, Blocking::NonBlocking);
-    unsigned int address = 1;
-    int peerPort = 0;
+    unsigned int address = 7;
+    int peerPort = 7;
+    BasicString peer = "old";
     Error error{};
     EXPECT_EQ(listener->Accept(address, peerPort, error), nullptr);
     EXPECT_EQ(error, Error::WouldBlock);
-    EXPECT_EQ(Accept(*listener), nullptr);
+    error = Error::Success;
+    EXPECT_EQ(listener->Accept(peer, error), nullptr);
+    EXPECT_EQ(error, Error::WouldBlock);
+    EXPECT_EQ(peer + std::to_string(address) + std::to_string(peerPort), "old77");
     const Socket connecting = Make(Type::Stream, Domain::Ipv4, Blocking::NonBlocking);
-    EXPECT_EQ(connecting->Connect(loopback, port), Number(Error::InProgress));
+    EXPECT_EQ(connecting->Connect(serverAddress, port), Number(Error::InProgress));
     EXPECT_EQ(Poll(*connecting, PollMode::Connected), ready);
-}
-
-TEST_F(SocketTest, TimeoutsAreKept) {
-    int port = 0;
-    const Socket socket = Bound(Type::Datagram, port);
-    const auto select = [&](SelectMode mode, unsigned int timeoutUs) {
-        EXPECT_TRUE(Takes(milliseconds(timeoutUs / 1000),
-                          [&] { EXPECT_EQ(Select(*socket, mode, timeoutUs), Result(0, Error::Success)); }));
-    };
-    select(SelectMode::Readable, 30000);
-    select(SelectMode::TimeoutOnly, 30000);
-    select(static_cast<SelectMode>(9), 1030000);
-    EXPECT_TRUE(
-        Takes(milliseconds(30), [&] { EXPECT_EQ(Poll(*socket, PollMode::Readable, 30), Result(0, Error::TimedOut)); }));
+    // Any other mode blocks.
+    EXPECT_TRUE(Blocks(*Make(Type::Stream, Domain::Ipv4, static_cast<Blocking>(3))));
 }
 
 TEST_F(SocketTest, OptionsReachTheSystem) {
@@ -450,69 +534,75 @@ TEST_F(SocketTest, OptionsReachTheSystem) {
 }
 
 TEST_F(SocketTest, BadArgumentsAreRefused) {
-    const std::string domain = "GetPosixSocketDomain: Could not determine socket domain, invalid value.";
     for (const int value : {0, 2, 4}) {
-        EXPECT_TRUE(Throws([&] { Make(static_cast<Type>(9), static_cast<Domain>(value)); }, domain));
+        EXPECT_TRUE(ComesTo([&] { Make(static_cast<Type>(9), static_cast<Domain>(value)); }, noDomain));
     }
     for (const int value : {0, 3}) {
-        EXPECT_TRUE(Throws([&] { Make(static_cast<Type>(value)); },
-                           "GetPosixSocketType: Could not determine socket type, invalid value."));
+        EXPECT_TRUE(ComesTo([&] { Make(static_cast<Type>(value)); },
+                            "VeException: GetPosixSocketType: Could not determine socket type, invalid value."));
     }
     const Socket socket = Make(Type::Datagram);
     for (int port : {65536, -1}) {
-        EXPECT_EQ(socket->Bind(loopback, port), Number(Error::Inval));
-        EXPECT_EQ(socket->Connect(loopback, port), Number(Error::Inval));
-        EXPECT_EQ(SendTo(*socket, "x", port), Result(-1, Error::Inval));
+        EXPECT_EQ(socket->Bind(serverAddress, port), Number(Error::Inval));
+        EXPECT_EQ(socket->Connect(serverAddress, port), Number(Error::Inval));
+        EXPECT_EQ(SendTo(*socket, "x", port), invalid);
     }
-    int port = 0;
-    EXPECT_EQ(socket->Bind(htonl(0x08080808), port), Number(Error::AddrNotAvail));
-    for (const int mode : {0, 5}) {
-        EXPECT_EQ(Poll(*socket, static_cast<PollMode>(mode), withoutLimit), Result(-1, Error::Inval));
-    }
-    EXPECT_EQ(Send(*socket, "x"), Result(-1, Error::DestAddrReq));
-    // Any other mode blocks.
-    EXPECT_TRUE(Blocks(*Make(Type::Stream, Domain::Ipv4, static_cast<Blocking>(3))));
+    int port = 65535;
+    EXPECT_EQ(socket->Bind(serverAddress, port), 0);
+}
 
-    // One that was taken over has no domain, and a null handle no descriptor.
-    int descriptor = dup(socket->GetSocketDescriptor());
+TEST_F(SocketTest, SocketThatWasTakenOverHasNoDomain) {
+    int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
+    int port = 0;
     for (void* const handle : {static_cast<void*>(&descriptor), static_cast<void*>(nullptr)}) {
-        const Socket adopted(factory->CreateSocket(handle));
+        const Socket adopted = Own(factory->CreateSocket(handle));
         EXPECT_EQ(adopted->GetSocketDescriptor(), handle != nullptr ? descriptor : -1);
         EXPECT_EQ(ClosesOnExec(*adopted), handle != nullptr);
-        const std::function<void()> refused[] = {[&] { adopted->Bind(loopback, port); }, [&] { adopted->Bind(name); },
-                                                 [&] { adopted->Connect(loopback, port); },
-                                                 [&] { adopted->Connect(name); }, [&] { SendTo(*adopted, "x", 1); }};
-        for (const auto& operation : refused) {
-            EXPECT_TRUE(Throws(operation, domain));
+        const Operation refused[] = {[&] { adopted->Bind(serverAddress, port); }, [&] { adopted->Bind(name); },
+                                     [&] { adopted->Connect(serverAddress, port); }, [&] { adopted->Connect(name); },
+                                     [&] { SendTo(*adopted, "x", 1); }};
+        for (const Operation& operation : refused) {
+            EXPECT_TRUE(ComesTo(operation, noDomain));
         }
     }
     EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
 }
 
+TEST_F(SocketTest, SocketThatCouldNotBeMadeFailsEverything) {
+    const auto make = [this] {
+        const FailingCall call("socket");
+        return Make(Type::Stream);
+    };
+    const Socket socket = make();
+    for (const auto mode : {SelectMode::Readable, SelectMode::Writable, SelectMode::TimeoutOnly}) {
+        EXPECT_EQ(Select(*socket, mode, withoutLimit), unclassified);
+    }
+    EXPECT_TRUE(Takes(milliseconds(2), [&] { EXPECT_EQ(Select(*socket, SelectMode::TimeoutOnly, 2000), nothing); }));
+    EXPECT_EQ(Poll(*socket, PollMode::Readable, withoutLimit), closed);
+    EXPECT_EQ(Poll(*socket, PollMode::Readable, 1), timedOut);
+    EXPECT_EQ(socket->Close(), 0);
+}
+
 TEST_F(SocketTest, ClosedSocketTouchesNoOtherThatHasItsNumber) {
-    const auto [client, server] = Connect();
-    const int descriptor = client->GetSocketDescriptor();
-    EXPECT_EQ(client->Close(), 0);
-    EXPECT_EQ(client->GetSocketDescriptor(), -1);
-    std::vector<Socket> others;
-    do {
-        others.push_back(Make(Type::Datagram));
-    } while (others.back()->GetSocketDescriptor() < descriptor);
-    ASSERT_EQ(others.back()->GetSocketDescriptor(), descriptor);
-    EXPECT_EQ(client->Close(), 0);
-    EXPECT_EQ(Select(*client, SelectMode::TimeoutOnly, withoutLimit), closed);
-    EXPECT_EQ(Poll(*client, PollMode::Readable, withoutLimit), closed);
-    EXPECT_EQ(Send(*client, "x"), Result(-1, Error::Unclassified));
-    EXPECT_EQ(Receive(*client), "-1");
-    EXPECT_EQ(client->Shutdown(), -1);
-    EXPECT_EQ(client->SetOptionBlocking(false), -1);
-    EXPECT_TRUE(Throws([&socket = dynamic_cast<SocketService&>(*client)] { socket.Unlink(); },
-                       "Could not query if local domain is bound to a file."));
+    const Connection connection = Connect();
+    ISocketService& client = *connection.client;
+    int descriptor = client.GetSocketDescriptor();
+    EXPECT_EQ(client.Close(), 0);
+    EXPECT_EQ(client.GetSocketDescriptor(), -1);
+    ASSERT_EQ(dup2(connection.server->GetSocketDescriptor(), descriptor), descriptor);
+    const Socket other = Own(factory->CreateSocket(&descriptor));
+    EXPECT_EQ(client.Close(), 0);
+    EXPECT_EQ(Select(client, SelectMode::TimeoutOnly, withoutLimit), closed);
+    EXPECT_EQ(Poll(client, PollMode::Readable, withoutLimit), closed);
+    EXPECT_EQ(Send(client, "x"), unclassified);
+    EXPECT_EQ(Receive(client), unclassified);
+    EXPECT_EQ(client.Shutdown(), -1);
+    EXPECT_EQ(client.SetOptionBlocking(false), -1);
     EXPECT_NE(fcntl(descriptor, F_GETFD), -1);
 }
 
 TEST_F(SocketTest, CloseThatOvertakesAnOperationIsReportedAsClosed) {
-    const std::pair<const char*, std::function<Result(ISocketService&)>> table[] = {
+    const std::pair<const char*, std::function<std::string(ISocketService&)>> table[] = {
         {"select", [](auto& socket) { return Select(socket, SelectMode::Readable); }},
         {"select", [](auto& socket) { return Select(socket, SelectMode::TimeoutOnly, 0); }},
         {"poll", [](auto& socket) { return Poll(socket, PollMode::Readable); }},
@@ -521,165 +611,118 @@ TEST_F(SocketTest, CloseThatOvertakesAnOperationIsReportedAsClosed) {
         const Connection connection = Connect();
         Send(*connection.server, "x");
         Socket successor;
-        const FailingCall call(function, [&] {
+        const Interposition call(function, [&](const Arguments& arguments) {
             connection.client->Close();
-            // Its number belongs to a socket that would never be ready.
-            successor = Make(Type::Datagram);
+            // Has its number, and has been ended by its peer.
+            successor = std::move(Connect().client);
+            return call.CallThrough(arguments);
         });
         EXPECT_EQ(operation(*connection.client), closed) << function;
     }
-    // Two that close at the same time close once, and nobody uses a number that is free.
+}
+
+TEST_F(SocketTest, OfTwoThatCloseOneDoes) {
     for (const std::string function : {"getsockname", "close"}) {
         const Socket socket = Make(Type::Stream, Domain::Local);
-        const FailingCall overtaken(function.c_str(), [&] {
-            EXPECT_EQ(socket->Close(), 0);
+        int calls = 0;
+        const Interposition call(function.c_str(), [&](const Arguments& arguments) {
+            if (++calls == 1) {
+                EXPECT_EQ(socket->Close(), 0);
+            }
+            // Nobody begins to use a number that is about to be free.
             EXPECT_EQ(socket->GetSocketDescriptor() == -1, function == "close");
+            return call.CallThrough(arguments);
         });
         EXPECT_EQ(socket->Close(), 0);
+        EXPECT_EQ(calls, 1) << function;
     }
 }
 
-TEST_F(SocketTest, SocketThatCouldNotBeMadeFailsEverything) {
-    const FailingCall call("socket", -1, EMFILE);
+TEST_F(SocketTest, ClosingIsNoCancellationPoint) {
     const Socket socket = Make(Type::Stream);
-    for (const auto mode : {SelectMode::Readable, SelectMode::Writable, SelectMode::TimeoutOnly}) {
-        EXPECT_EQ(Select(*socket, mode, withoutLimit), Result(-1, Error::Unclassified));
-    }
-    EXPECT_TRUE(Takes(milliseconds(2),
-                      [&] { EXPECT_EQ(Select(*socket, SelectMode::TimeoutOnly, 2000), Result(0, Error::Success)); }));
-    EXPECT_EQ(Poll(*socket, PollMode::Readable, withoutLimit), closed);
-    EXPECT_EQ(Poll(*socket, PollMode::Readable, 1), Result(0, Error::TimedOut));
-    EXPECT_EQ(socket->Close(), 0);
-}
-
-// A request to be cancelled that has not been met yet.
-TEST_F(SocketTest, CancellationLosesNoDescriptor) {
-    bool isOver = false;
+    Socket deleted = Make(Type::Stream, Domain::Local);
+    const std::ptrdiff_t open = OpenDescriptors();
     std::thread([&] {
-        const auto makeFile = [this](const std::string& fileName) {
-            std::unique_ptr<IFileService> file(factory->CreateFile(folder / fileName, IFileService::FileMode::Create,
-                                                                   IFileService::FileAccess::Write, true));
-            file->Write(reinterpret_cast<const unsigned char*>("x"), 0, 1);
-            return file;
-        };
-        const Socket socket = Make(Type::Stream);
-        Socket deleted = Make(Type::Stream, Domain::Local);
-        const std::unique_ptr<ISharedMemoryService> memory(
-            factory->CreateSharedMemory(name, 1, ISharedMemoryService::mode::Create));
-        const auto file = makeFile("file");
-        auto deletedFile = makeFile("other");
-        const std::ptrdiff_t open = OpenDescriptors();
-
         pthread_cancel(pthread_self());
         socket->Close();
         deleted.reset();
-        memory->Close();
-        file->Close();
-        deletedFile.reset();
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        EXPECT_EQ(OpenDescriptors(), open - 5);
-        EXPECT_EQ(folder.Read("file") + folder.Read("other"), "xx");
-        shm_unlink(name.c_str());
-        isOver = true;
     }).join();
-    EXPECT_TRUE(isOver);
+    EXPECT_EQ(OpenDescriptors(), open - 2);
+    EXPECT_EQ(deleted, nullptr);
 }
 
-TEST_F(SocketTest, AThousandAreOpenAtOnce) {
+TEST_F(SocketTest, SelectHasAPlaceForEveryDescriptor) {
+    if (IsEmulated()) {
+        GTEST_SKIP() << "user-mode emulation ends itself at a select with a descriptor above 1023";
+    }
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit before = limit;
     limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 2000);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    std::vector<Socket> sockets;
-    int port = 0;
-    // Beyond what an fd_set has a place for.
-    while (sockets.empty() || sockets.back()->GetSocketDescriptor() < 1100) {
-        sockets.push_back(Bound(Type::Datagram, port));
+    const Connection connection = Connect();
+    Send(*connection.server, "x");
+    // An fd_set has 1024 places; a larger one is allocated.
+    for (const auto& [number, allocations] : {std::pair(1023, 0), {1024, 1}, {1025, 1}, {1100, 1}}) {
+        int descriptor = fcntl(connection.client->GetSocketDescriptor(), F_DUPFD, number);
+        const Socket socket = Own(factory->CreateSocket(&descriptor));
+        EXPECT_EQ(descriptor, number);
+        for (const auto mode : {SelectMode::Readable, SelectMode::Writable}) {
+            Error error = Error::Unclassified;
+            const long allocationsBefore = MadeAllocations();
+            EXPECT_EQ(socket->Select(mode, 0, error), 1);
+            EXPECT_EQ(MadeAllocations() - allocationsBefore, allocations) << number;
+        }
     }
-    ISocketService& last = *sockets.back();
-    // User-mode emulation ends itself at a select with such a descriptor.
-    const bool selects = !IsEmulated();
-    if (selects) {
-        EXPECT_EQ(Select(last, SelectMode::Readable, 0), Result(0, Error::Success));
-    }
-    SendTo(*sockets.front(), "x", port);
-    if (selects) {
-        EXPECT_EQ(Select(last, SelectMode::Readable), ready);
-        EXPECT_EQ(Select(last, SelectMode::Writable), ready);
-    }
-    EXPECT_EQ(Poll(last, PollMode::Readable), ready);
-    sockets.clear();
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
-// Runs socat with these arguments, and with `descriptor`, if there is one, passed on to it.
-class Socat : public Child {
-public:
-    explicit Socat(std::vector<std::string> arguments, int descriptor = -1)
-        : Child([=]() mutable {
-              fcntl(descriptor, F_SETFD, 0);
-              std::vector<char*> vector{const_cast<char*>("socat")};
-              for (std::string& argument : arguments) {
-                  vector.push_back(argument.data());
-              }
-              vector.push_back(nullptr);
-              execvp(vector[0], vector.data());
-              return 127;
-          }) {}
-};
-
-TEST_F(SocketTest, TalksToProgramsThatKnowNothingOfIt) {
-    if (!Succeeds("socat -V")) {
-        GTEST_SKIP() << "needs socat";
-    }
-    const auto expectEcho = [](ISocketService& socket) {
-        EXPECT_EQ(Send(socket, "echo").first, 4);
-        EXPECT_EQ(Poll(socket, PollMode::Readable).first, 1);
-        EXPECT_EQ(Receive(socket), "echo");
-    };
+TEST_F(SocketTest, ConnectionThatCannotBeTakenOverIsClosed) {
     int port = 0;
     const Socket listener = Bound(Type::Stream, port);
-    const Socket localListener = ListeningOnName();
-    for (const auto& [address, accepting] :
-         {std::pair("TCP:127.0.0.1:" + std::to_string(port), listener.get()),
-          {"ABSTRACT-CONNECT:" + name + ",unix-tightsocklen=0", localListener.get()}}) {
-        Socat client({address, "PIPE"});
-        const Socket server = Accept(*accepting);
-        ASSERT_TRUE(server);
-        expectEcho(*server);
-        server->Close();
-        EXPECT_EQ(client.Wait(), 0);
+    const Socket client = Make(Type::Stream);
+    EXPECT_EQ(client->Connect(serverAddress, port), 0);
+    {
+        const FailingAllocation allocation(0);
+        EXPECT_THROW(Accept(*listener), std::bad_alloc);
     }
-    // Its servers get a socket that is ready, so that nobody has to wait for them.
-    const auto serve = [](int descriptor) {
-        return std::vector<std::string>{"FD:" + std::to_string(descriptor), "PIPE"};
+    EXPECT_EQ(Poll(*client, PollMode::Readable), peerClosed);
+}
+
+TEST_F(SocketTest, FailuresAreReported) {
+    const Socket socket = Make(Type::Stream);
+    const Socket closing = Make(Type::Stream);
+    // Closed by nobody else when close fails.
+    const FileDescriptor descriptor(closing->GetSocketDescriptor());
+    const auto makeNonBlocking = [this] { Make(Type::Stream, Domain::Ipv4, Blocking::NonBlocking); };
+    const auto bind = [&] {
+        int port = 0;
+        return socket->Bind(serverAddress, port);
     };
-    {
-        const auto [client, server] = Connect();
-        Socat answering(serve(server->GetSocketDescriptor()), server->GetSocketDescriptor());
-        expectEcho(*client);
-        client->Shutdown(ShutdownMode::Send);
-        EXPECT_EQ(answering.Wait(), 0);
-    }
-    {
-        int serverPort = 0;
-        const Socket client = Bound(Type::Datagram, port);
-        const Socket server = Bound(Type::Datagram, serverPort);
-        EXPECT_EQ(client->Connect(loopback, serverPort), 0);
-        EXPECT_EQ(server->Connect(loopback, port), 0);
-        const Socat answering(serve(server->GetSocketDescriptor()), server->GetSocketDescriptor());
-        expectEcho(*client);
-    }
-    const FileDescriptor raw(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(BindToPath(raw.Get(), folder / "server"), 0);
-    const Socket client(factory->CreateNonAbstractIpcSocket());
-    EXPECT_EQ(client->Connect(folder / "server"), 0);
-    EXPECT_EQ(Send(*client, "path").first, 4);
-    Socat reading({"-u", "FD:" + std::to_string(raw.Get()) + ",readbytes=4", "CREATE:" + (folder / "received")},
-                  raw.Get());
-    EXPECT_EQ(reading.Wait(), 0);
-    EXPECT_EQ(folder.Read("received"), "path");
+    const Socket local = Make(Type::Stream, Domain::Local);
+    ASSERT_EQ(BindToPath(local->GetSocketDescriptor(), folder / "local"), 0);
+    const auto closeLocal = [&] { return local->Close(); };
+    const auto deleteLocal = [&] { delete local.get(); };
+    const std::string unknown = "VeException: Could not query if local domain is bound to a file.";
+    const std::string notUnlinked = "VeException: Could not unlink socket file.";
+    ExpectFailures({
+        {"socket", makeNonBlocking, "VeException: Could not create non-blocking socket. Error Bad file descriptor."},
+        {"ioctl", makeNonBlocking, "VeException: Could not create non-blocking socket. Error Permission denied."},
+        {"getsockname", bind, "10055", 0, ENOBUFS},
+        {"select", [&] { return Select(*socket, SelectMode::Readable); }, "-1, error 10004", 0, EINTR},
+        {"poll", [&] { return Poll(*socket, PollMode::Readable); }, "-1, error 10004", 0, EINTR},
+        {"close", [&] { return closing->Close(); }, "10055", 0, ENOBUFS},
+        {"getsockname", closeLocal, unknown},
+        {"unlink", closeLocal, notUnlinked},
+        {"getsockname", deleteLocal, "ends the process: " + unknown},
+        {"unlink", deleteLocal, "ends the process: " + notUnlinked},
+    });
+    EXPECT_EQ(closing->GetSocketDescriptor(), -1);
+    // It stays open until it can be closed.
+    EXPECT_EQ(Select(*local, SelectMode::Writable), ready);
+    EXPECT_EQ(local->Close(), 0);
+    EXPECT_FALSE(std::filesystem::exists(folder / "local"));
 }
 
 TEST(SocketErrorTest, SystemErrorsHaveWindowsNumbers) {
@@ -694,3 +737,5 @@ TEST(SocketErrorTest, SystemErrorsHaveWindowsNumbers) {
 }
 
 }  // namespace
+
+// NOLINTEND(performance-no-int-to-ptr)
