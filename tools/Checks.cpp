@@ -1,6 +1,10 @@
 #include "Checks.h"
 
+#include "Attempt.h"
+#include "KernelChecks.h"
 #include "Machine.h"
+#include "Preemption.h"
+#include "Throttling.h"
 
 #include <Kel/System/Ve/Adapters/Lockable.h>
 #include <Kel/System/Ve/Adapters/Owned.h>
@@ -31,23 +35,6 @@ namespace {
 
 using State = Finding::State;
 
-// Returns the message of what an attempt throws; empty when it succeeds.
-template <class Attempt>
-std::string FailureOf(Attempt attempt) {
-    try {
-        attempt();
-        return "";
-    } catch (const VeException& exception) {
-        return exception.GetMessage();
-    }
-}
-
-rlim_t Limit(decltype(RLIMIT_RTPRIO) resource) {
-    rlimit limit{};
-    getrlimit(resource, &limit);
-    return limit.rlim_cur;
-}
-
 // 0 when the file cannot be read or holds no number.
 long NumberIn(const std::string& path) {
     long number = 0;
@@ -55,37 +42,18 @@ long NumberIn(const std::string& path) {
     return number;
 }
 
-std::string RunThread(ServiceFactory& factory, unsigned int priority, unsigned int processors) {
-    return FailureOf([&] {
-        const auto thread = Own(factory.CreateThread([](void*) -> void* { return nullptr; }, nullptr, "ve-rtcheck",
-                                                     priority, processors, 0));
-        thread->StartThread();
-        thread->Join();
-    });
-}
-
 Finding CheckPriority(ServiceFactory& factory) {
     const unsigned int highest = 99;
-    if (RunThread(factory, highest, 0).empty()) {
+    if (FailureOfThread(factory, highest, 0).empty()) {
         return {State::Good, "priorities 1 to 99"};
     }
     const auto permitted = std::clamp(static_cast<unsigned int>(Limit(RLIMIT_RTPRIO)), 1U, highest);
-    const std::string failure = RunThread(factory, permitted, 0);
+    const std::string failure = FailureOfThread(factory, permitted, 0);
     return failure.empty() ? Finding{State::Weak, "priorities up to " + std::to_string(permitted)}
                            : Finding{State::Missing, failure};
 }
 
-std::uint64_t LockedKilobytes() {
-    std::ifstream file("/proc/self/status");
-    for (std::string word; file >> word;) {
-        if (word == "VmLck:") {
-            std::uint64_t kilobytes = 0;
-            file >> kilobytes;
-            return kilobytes;
-        }
-    }
-    return 0;
-}
+std::uint64_t LockedKilobytes() { return NumberAfter("/proc/self/status", "VmLck:"); }
 
 // The library does not tell whether memory was locked; the kernel does.
 bool CanLock(std::uint32_t bytes) {
@@ -136,73 +104,38 @@ Finding CheckMessageQueues(ServiceFactory& factory) {
     return {state, failure + " (" + std::to_string(messages) + " messages of " + std::to_string(size) + " bytes)"};
 }
 
-Finding CheckProcessors(ServiceFactory& factory) {
-    std::string usable;
-    std::string refused;
+struct Processors {
+    std::vector<unsigned int> usable;
+    std::vector<unsigned int> refused;
+};
+
+Processors TryProcessors(ServiceFactory& factory) {
+    Processors processors;
     for (unsigned int processor = 0; processor < ProcessorCount(); ++processor) {
-        (RunThread(factory, 0, 1U << processor).empty() ? usable : refused) += ' ' + std::to_string(processor);
+        const bool isUsable = FailureOfThread(factory, 0, 1U << processor).empty();
+        (isUsable ? processors.usable : processors.refused).push_back(processor);
     }
-    if (usable.empty()) {
+    return processors;
+}
+
+Finding CheckProcessors(const Processors& processors) {
+    if (processors.usable.empty()) {
         return {State::Missing, "no processor can be chosen"};
     }
-    const std::string isolated = FirstLine("/sys/devices/system/cpu/isolated");
-    return {refused.empty() ? State::Good : State::Weak,
-            "processors" + usable + (refused.empty() ? "" : ", but not" + refused) +
-                (isolated.empty() ? ", none isolated" : ", isolated: " + isolated)};
+    const std::string usable = "processors " + Joined(processors.usable, " ");
+    return processors.refused.empty() ? Finding{State::Good, usable}
+                                      : Finding{State::Weak, usable + ", but not " + Joined(processors.refused, " ")};
 }
 
 Finding CheckLatencyTarget() {
     const std::string failure = FailureOf([] { TimerService::SetLatencyTarget(); });
     if (failure.empty()) {
-        return {State::Good, "processors can be kept from deep sleep"};
+        return {State::Good, "the kernel takes the request to keep processors from deep sleep"};
     }
     // A kernel without the device has nothing to ask for, but the call fails all the same.
     const bool sleepsDeeply = access("/sys/devices/system/cpu/cpuidle", F_OK) == 0;
     return {sleepsDeeply ? State::Missing : State::Weak,
             failure + (sleepsDeeply ? "" : "; this kernel knows no deep sleep")};
-}
-
-Finding CheckPreemption() {
-    const std::string kernel = KernelText();
-    const auto isBuilt = [&](const char* model) { return kernel.find(model) != std::string::npos; };
-    if (FirstLine("/sys/kernel/realtime") == "1" || isBuilt("PREEMPT_RT")) {
-        return {State::Good, "PREEMPT_RT, fully preemptible"};
-    }
-    if (isBuilt("PREEMPT_DYNAMIC")) {
-        // The model in use is in brackets.
-        const std::string models = FirstLine("/sys/kernel/debug/sched/preempt");
-        if (models.empty()) {
-            return {State::Weak, "PREEMPT_DYNAMIC; the model in use is told only in /sys/kernel/debug/sched/preempt"};
-        }
-        const bool isFull = models.find("(full)") != std::string::npos;
-        return {isFull ? State::Weak : State::Missing, "PREEMPT_DYNAMIC, " + models};
-    }
-    return isBuilt("PREEMPT") ? Finding{State::Weak, "PREEMPT, but not in interrupts and while spinlocks are held"}
-                              : Finding{State::Missing, "none within system calls"};
-}
-
-Finding CheckThrottling() {
-    const std::string runtime = FirstLine("/proc/sys/kernel/sched_rt_runtime_us");
-    const std::string period = FirstLine("/proc/sys/kernel/sched_rt_period_us");
-    if (runtime.empty() || runtime == "-1") {
-        return {State::Good, "none"};
-    }
-    return {runtime == "0" ? State::Missing : State::Weak,
-            "real-time threads may run " + runtime + " us of each " + period + " us"};
-}
-
-Finding CheckClockSource() {
-    timespec resolution{};
-    clock_getres(CLOCK_MONOTONIC, &resolution);
-    const std::string source = FirstLine("/sys/devices/system/clocksource/clocksource0/current_clocksource");
-    const std::string text =
-        (source.empty() ? "unknown" : source) + ", resolution " + std::to_string(resolution.tv_nsec) + " ns";
-    if (resolution.tv_sec != 0 || resolution.tv_nsec > 1000) {
-        return {State::Missing, text + ": timers are as coarse"};
-    }
-    // These are read through slow hardware.
-    const bool isSlow = source == "hpet" || source == "acpi_pm" || source.empty();
-    return {isSlow ? State::Weak : State::Good, text};
 }
 
 Finding CheckPriorityInheritance(ServiceFactory& factory) {
@@ -211,13 +144,15 @@ Finding CheckPriorityInheritance(ServiceFactory& factory) {
         Lockable lockable(*mutex);
         const std::lock_guard guard(lockable);
     });
-    return failure.empty() ? Finding{State::Good, "mutexes lend their holder the priority of those who wait"}
-                           : Finding{State::Missing, failure};
+    return failure.empty()
+               ? Finding{State::Good, "a mutex that lends its holder the priority of those who wait can be locked"}
+               : Finding{State::Missing, failure};
 }
 
 }  // namespace
 
 std::vector<Row> CheckMachine(ServiceFactory& factory) {
+    const Processors processors = TryProcessors(factory);
     return {
         {"real-time priority", CheckPriority(factory), "CreateThread and CreateTimer with a priority, at their start",
          "/etc/security/limits.d/realtime.conf: @realtime - rtprio 99"},
@@ -227,15 +162,28 @@ std::vector<Row> CheckMachine(ServiceFactory& factory) {
         {"message queues", CheckMessageQueues(factory), "CreateMessageQueue",
          "/etc/security/limits.d/realtime.conf: @realtime - msgqueue unlimited; "
          "/etc/sysctl.d/realtime.conf: fs.mqueue.msg_max=100"},
-        {"processor set", CheckProcessors(factory), "CreateThread and CreateTimer with processors, at their start",
-         "systemd unit: AllowedCPUs=0-31; for processors of one's own the kernel's command line: isolcpus=1"},
+        {"processor set", CheckProcessors(processors), "CreateThread and CreateTimer with processors, at their start",
+         "systemd unit: AllowedCPUs=0-31"},
+        {"interrupts", CheckInterrupts(), "real-time threads on processors of their own",
+         "the kernel's command line: isolcpus=1 nohz_full=1 rcu_nocbs=1 irqaffinity=0; until the next start, for each "
+         "interrupt N: echo 0 >/proc/irq/N/smp_affinity_list"},
+        {"sibling threads", CheckSiblings(), "every deadline: what one of them does slows the other down",
+         "the kernel's command line: nosmt"},
+        {"frequency governor", CheckFrequency(), "every deadline: a processor takes its time to become faster",
+         "cpupower frequency-set -g performance"},
         {"latency device", CheckLatencyTarget(), "TimerService::SetLatencyTarget",
          "/etc/udev/rules.d/99-realtime.rules: KERNEL==\"cpu_dma_latency\", GROUP=\"realtime\", MODE=\"0660\""},
         {"preemption", CheckPreemption(), "every deadline, while another program is in a system call",
          "apt-get install linux-image-rt-amd64 (ARM: linux-image-rt-armmp); otherwise the kernel's command line: "
          "preempt=full"},
-        {"real-time throttling", CheckThrottling(), "a real-time thread that does not sleep: it is stopped",
-         "/etc/sysctl.d/realtime.conf: kernel.sched_rt_runtime_us=-1"},
+        {"real-time throttling", CheckThrottling(factory, processors.usable.empty() ? 0 : processors.usable.back()),
+         "a real-time thread that does not wait: it is stopped",
+         "/etc/sysctl.d/realtime.conf: kernel.sched_rt_runtime_us=-1; with the deadline server, which Linux has since "
+         "6.12, for each processor N: echo 0 >/sys/kernel/debug/sched/fair_server/cpuN/runtime"},
+        {"swap", CheckSwap(), "memory that is not locked: what was written to the disk is waited for",
+         "swapoff -a, and no swap in /etc/fstab"},
+        {"virtual machine", CheckVirtualMachine(), "every deadline: the host stops its processors when it likes",
+         "a machine of one's own, or processors of the host that are the guest's alone"},
         {"clock source", CheckClockSource(), "CreateTimer, every time-out, every reading of the clock",
          "the kernel's command line: clocksource=tsc tsc=reliable (ARM: clocksource=arch_sys_counter)"},
         {"priority-inheriting locks", CheckPriorityInheritance(factory), "CreateMutex and CreateTimer",

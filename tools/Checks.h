@@ -1,24 +1,11 @@
 #pragma once
 
+#include "Finding.h"
+
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 
 #include <string>
 #include <vector>
-
-/// What one question about the machine came to.
-struct Finding {
-    enum class State {
-        Good,
-        /// It works, but less well than it could.
-        Weak,
-        /// What a real-time service needs is missing.
-        Missing,
-    };
-
-    State state;
-    /// What works, or the words in which it failed.
-    std::string text;
-};
 
 struct Row {
     std::string name;

@@ -35,6 +35,24 @@ std::string FirstLine(const std::string& path) {
     return line;
 }
 
+std::uint64_t NumberAfter(const std::string& path, const std::string& word) {
+    std::ifstream file(path);
+    std::uint64_t number = 0;
+    for (std::string found; file >> found;) {
+        if (found == word) {
+            file >> number;
+            break;
+        }
+    }
+    return number;
+}
+
+rlim_t Limit(decltype(RLIMIT_RTPRIO) resource) {
+    rlimit limit{};
+    getrlimit(resource, &limit);
+    return limit.rlim_cur;
+}
+
 std::string Quoted(const std::string& text) {
     const char digits[] = "0123456789abcdef";
     std::string quoted = "\"";

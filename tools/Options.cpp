@@ -5,11 +5,20 @@
 #include <string_view>
 
 void Options::AddFlag(const std::string& option, bool& flag) {
-    options.push_back({option, false, [&flag](const std::string&) { flag = true; }});
+    options.push_back({option, Value::None, [&flag](const std::string&) { flag = true; }});
+}
+
+void Options::AddSwitch(const std::string& option, std::optional<bool>& isOn) {
+    options.push_back({option, Value::Optional, [option, &isOn](const std::string& value) {
+                           if (value != "" && value != "yes" && value != "no") {
+                               throw UsageError("--" + option + " is yes or no, not '" + value + "'");
+                           }
+                           isOn = value != "no";
+                       }});
 }
 
 void Options::AddText(const std::string& option, std::string& text) {
-    options.push_back({option, true, [option, &text](const std::string& value) {
+    options.push_back({option, Value::Needed, [option, &text](const std::string& value) {
                            if (value.empty()) {
                                throw UsageError("--" + option + " needs a value that is not empty");
                            }
@@ -18,7 +27,7 @@ void Options::AddText(const std::string& option, std::string& text) {
 }
 
 void Options::AddNumber(const std::string& option, unsigned int& number, unsigned int least, unsigned int most) {
-    options.push_back({option, true, [=, &number](const std::string& value) {
+    options.push_back({option, Value::Needed, [=, &number](const std::string& value) {
                            unsigned int parsed = 0;
                            const char* const end = value.data() + value.size();
                            const auto [stop, error] = std::from_chars(value.data(), end, parsed);
@@ -47,15 +56,18 @@ bool Options::Parse(int argumentCount, char** arguments) const {
         if (entry == options.end()) {
             throw UsageError("unknown option " + argument);
         }
-        if (!entry->hasValue && bringsValue) {
+        if (entry->value == Value::None && bringsValue) {
             throw UsageError(given + " takes no value");
         }
-        // What looks like an option is one; a value that does so is given with "=".
-        if (entry->hasValue && !bringsValue &&
-            (++i == argumentCount || std::string_view(arguments[i]).substr(0, 2) == "--")) {
-            throw UsageError(given + " needs a value");
+        std::string value = bringsValue ? argument.substr(equals + 1) : "";
+        if (entry->value == Value::Needed && !bringsValue) {
+            // What looks like an option is one; a value that does so is given with "=".
+            if (++i == argumentCount || std::string_view(arguments[i]).substr(0, 2) == "--") {
+                throw UsageError(given + " needs a value");
+            }
+            value = arguments[i];
         }
-        entry->set(bringsValue ? argument.substr(equals + 1) : arguments[i]);
+        entry->set(value);
     }
     return true;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -22,6 +23,8 @@ public:
     const std::string& GetUsage() const { return usage; }
 
     void AddFlag(const std::string& option, bool& flag);
+    /// "yes", which is also meant when there is no value, or "no".
+    void AddSwitch(const std::string& option, std::optional<bool>& isOn);
     void AddText(const std::string& option, std::string& text);
     /// A whole number from `least` to `most`.
     void AddNumber(const std::string& option, unsigned int& number, unsigned int least, unsigned int most);
@@ -30,9 +33,11 @@ public:
     bool Parse(int argumentCount, char** arguments) const;
 
 private:
+    enum class Value { None, Optional, Needed };
+
     struct Option {
         std::string name;
-        bool hasValue;
+        Value value;
         std::function<void(const std::string&)> set;
     };
 

@@ -149,7 +149,7 @@ void DrawQuantiles(Drawing& drawing, const Axis& axis, const std::vector<Quantil
 
 }  // namespace
 
-void WritePicture(std::ostream& out, const Settings& settings, const Statistics& statistics) {
+void WritePicture(std::ostream& out, const Settings& settings, const Setup& setup, const Statistics& statistics) {
     std::vector<double> parts(20);
     for (std::size_t i = 0; i < parts.size(); ++i) {
         parts[i] = std::pow(10.0, static_cast<double>(i) / static_cast<double>(parts.size()));
@@ -164,7 +164,7 @@ void WritePicture(std::ostream& out, const Settings& settings, const Statistics&
     Drawing drawing(out);
     drawing.Text("title", 24, 34, "start", "Lateness of a timer: " + Describe(settings));
     drawing.Text("small", 24, 56, "start", MachineName() + ", " + KernelText());
-    drawing.Text("small", 24, 75, "start", CountsIn(statistics));
+    drawing.Text("small", 24, 75, "start", CountsIn(statistics) + "; " + Describe(setup));
     DrawLateness(drawing, lateness);
     DrawCounts(drawing, counts);
     for (const Bin& bin : bins) {

@@ -4,6 +4,7 @@
 #include <Kel/System/Ve/Internal/Linux/LockedMemorySegment.h>
 
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,8 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 class Calls {
 public:
-    explicit Calls(std::size_t count)
-        : times(count), memory(times.data(), static_cast<std::uint32_t>(count * sizeof(Clock::time_point))) {
+    explicit Calls(std::size_t count) : times(count) {
         // The deadlines are counted from the first call, which must not wait for the pages of what it runs.
         Store(this);
         stored = 0;
@@ -38,6 +38,11 @@ public:
             calls.times[index] = Clock::now();
             calls.stored.store(index + 1, std::memory_order_release);
         }
+    }
+
+    // For as long as what it returns lives.
+    LockedMemorySegment Lock() {
+        return {times.data(), static_cast<std::uint32_t>(times.size() * sizeof(Clock::time_point))};
     }
 
     std::size_t Stored() const { return stored.load(std::memory_order_acquire); }
@@ -64,7 +69,6 @@ public:
 private:
     std::vector<Clock::time_point> times;
     std::atomic<std::size_t> stored{0};
-    const LockedMemorySegment memory;
 };
 
 // The signals that end a run, kept for whoever waits for them: this thread, and those that it makes.
@@ -95,13 +99,16 @@ private:
 
 }  // namespace
 
-std::size_t Settings::Periods() const { return static_cast<std::size_t>(std::uint64_t{seconds} * 1000000 / periodUs); }
+std::uint64_t Settings::Periods() const { return std::uint64_t{seconds} * 1000000 / periodUs; }
 
 Recording Record(ServiceFactory& factory, const Settings& settings) {
     using std::chrono::milliseconds;
     const bool isTerminal = isatty(STDERR_FILENO) == 1;
     const milliseconds step(isTerminal ? 200 : 1000);
-    Calls calls(settings.Periods() + 1);
+    const auto periods = static_cast<std::size_t>(settings.Periods());
+    Calls calls(periods + 1);
+    const Setup setup = SetUp(factory, settings.wishes);
+    const LockedMemorySegment locked = calls.Lock();
     const EndSignals endSignals;
     const auto timer = Own(factory.CreateTimer(settings.periodUs, "ve-jitter", settings.priority, &calls, &Calls::Store,
                                                settings.processors));
@@ -125,8 +132,10 @@ Recording Record(ServiceFactory& factory, const Settings& settings) {
     const auto periodsPassed =
         static_cast<std::size_t>((Clock::now() - start) / std::chrono::microseconds(settings.periodUs));
     timer->Stop();
-    Recording recording{calls.LatenessUs(settings.periodUs), 0};
-    const std::size_t due = std::min(settings.Periods(), periodsPassed == 0 ? 0 : periodsPassed - 1);
+    // What follows allocates, perhaps more than may be locked.
+    munlockall();
+    Recording recording{calls.LatenessUs(settings.periodUs), 0, setup};
+    const std::size_t due = std::min(periods, periodsPassed == 0 ? 0 : periodsPassed - 1);
     recording.neverMade = due - std::min(due, recording.latenessUs.size());
     return recording;
 }

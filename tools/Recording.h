@@ -1,8 +1,11 @@
 #pragma once
 
+#include "Setup.h"
+
 #include <Kel/System/Ve/Internal/ServiceFactory.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 /// What a run is made with.
@@ -13,8 +16,9 @@ struct Settings {
     /// Bit n for processor n; 0 for all.
     unsigned int processors = 0;
     unsigned int seconds = 10;
+    Wishes wishes;
 
-    std::size_t Periods() const;
+    std::uint64_t Periods() const;
 };
 
 struct Recording {
@@ -23,8 +27,10 @@ struct Recording {
     std::vector<double> latenessUs;
     /// How many calls were not made although a period had passed since their time.
     std::size_t neverMade;
+    Setup setup;
 };
 
 /// Runs the library's timer, telling its progress on standard error, until all calls are made, the time is over by some
-/// seconds, or SIGINT or SIGTERM comes. Throws VeException when the timer cannot be started.
+/// seconds, or SIGINT or SIGTERM comes. Throws when the timer cannot be started, or a wish cannot be
+/// granted.
 Recording Record(Kel::System::Ve::Internal::ServiceFactory& factory, const Settings& settings);

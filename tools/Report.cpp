@@ -41,13 +41,21 @@ std::string Describe(const Settings& settings) {
     return text.str();
 }
 
+std::string Describe(const Setup& setup) {
+    const auto unless = [](const std::string& reason) { return reason.empty() ? "" : "not "; };
+    const auto because = [](const std::string& reason) { return reason.empty() ? "" : " (" + reason + ')'; };
+    return std::string("memory ") + unless(setup.whyNotLocked) + "locked" + because(setup.whyNotLocked) +
+           ", latency target " + unless(setup.whyNoTarget) + "set" + because(setup.whyNoTarget);
+}
+
 std::string CountsIn(const Statistics& statistics) {
     return std::to_string(statistics.Calls()) + " calls, missed periods: " + std::to_string(statistics.Missed());
 }
 
-void WriteText(std::ostream& out, const Settings& settings, const Statistics& statistics) {
+void WriteText(std::ostream& out, const Settings& settings, const Setup& setup, const Statistics& statistics) {
     out << MachineName() << ", " << KernelText() << '\n'
-        << Describe(settings) << ": " << CountsIn(statistics) << "\n\nLateness in us\n";
+        << Describe(settings) << ": " << CountsIn(statistics) << '\n'
+        << Describe(setup) << "\n\nLateness in us\n";
     for (const Quantile& quantile : statistics.Quantiles()) {
         out << std::setw(10) << quantile.name << std::setw(10) << Tenths(quantile.lateness) << '\n';
     }
@@ -57,10 +65,12 @@ void WriteText(std::ostream& out, const Settings& settings, const Statistics& st
     }
 }
 
-void WriteJson(std::ostream& out, const Settings& settings, const Statistics& statistics) {
+void WriteJson(std::ostream& out, const Settings& settings, const Setup& setup, const Statistics& statistics) {
     out << "{\"machine\": " << Quoted(MachineName()) << ", \"kernel\": " << Quoted(KernelText())
         << ",\n \"period_us\": " << settings.periodUs << ", \"priority\": " << settings.priority
-        << ", \"processor_mask\": " << settings.processors << ",\n \"calls\": " << statistics.Calls()
+        << ", \"processor_mask\": " << settings.processors << std::boolalpha
+        << ", \"memory_locked\": " << setup.whyNotLocked.empty()
+        << ", \"latency_target\": " << setup.whyNoTarget.empty() << ",\n \"calls\": " << statistics.Calls()
         << ", \"missed_periods\": " << statistics.Missed() << ",\n \"lateness_us\": {";
     const char* separator = "";
     for (const Quantile& quantile : statistics.Quantiles()) {

@@ -1,0 +1,6 @@
+#pragma once
+
+#include "Finding.h"
+
+/// Where a real-time thread that has become ready may have to wait for what the kernel does.
+Finding CheckPreemption();
