@@ -122,8 +122,8 @@ Finding CheckVirtualMachine() {
     };
     for (const auto& sign : signs) {
         if (access(sign.file, F_OK) == 0 && Contains(sign.file, sign.word)) {
-            return {State::Weak, std::string("told by ") + sign.file + "; its host is known to have held it up for " +
-                                     std::to_string(StolenSeconds()) + " s so far"};
+            return {State::Weak, std::string("told by ") + sign.file + "; steal time so far: " +
+                                     std::to_string(StolenSeconds()) + " s"};
         }
     }
     return {State::Good, "no sign of one"};
@@ -164,6 +164,6 @@ Finding CheckInterrupts() {
     if (error) {
         return {State::Unknown, kept + "; /proc/irq: " + error.message()};
     }
-    return coming.empty() ? Finding{State::Good, kept + "; none come to them"}
-                          : Finding{State::Weak, kept + "; to them come " + Joined(coming, " ")};
+    return coming.empty() ? Finding{State::Good, kept + "; no interrupt comes to them"}
+                          : Finding{State::Weak, kept + "; interrupts that come to them: " + Joined(coming, " ")};
 }
