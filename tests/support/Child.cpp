@@ -17,9 +17,9 @@
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the name that it looks for.
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0:report_signal_unsafe=0"; }
 
-// It does not see the locks that the loader and the C library have inside: what one thread frees there and another gets,
-// or another reads while it has the library open, counts as a race. Named by their files, for the names of the functions
-// are with the debugging symbols, which a machine need not have.
+// It does not see the locks that the loader and the C library have inside: what one thread frees there and another
+// gets, or another reads while it has the library open, counts as a race. Named by their files, for the names of the
+// functions are with the debugging symbols, which a machine need not have.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the name that it looks for.
 extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:/ld-linux\ncalled_from_lib:/libc.so\n"; }
 

@@ -127,7 +127,6 @@ void Interposition::SetEntries(Function function) const {
     }
 }
 
-<<<<<<< HEAD
 std::vector<Interposition::Arguments> CallsOf(const char* function, const std::function<void()>& operation) {
     std::mutex mutex;
     std::vector<Interposition::Arguments> calls;
@@ -137,7 +136,11 @@ std::vector<Interposition::Arguments> CallsOf(const char* function, const std::f
             calls.push_back(arguments);
         }
         return recorder.CallThrough(arguments);
-=======
+    });
+    operation();
+    return calls;
+}
+
 int CountCallsOfTwo(const char* function, const std::function<void()>& operation) {
     int calls = 0;
     const Interposition call(function, [&](const Interposition::Arguments& arguments) {
@@ -145,13 +148,11 @@ int CountCallsOfTwo(const char* function, const std::function<void()>& operation
             operation();
         }
         return call.CallThrough(arguments);
->>>>>>> 5949fd9 (Let the tests of sockets, queues and memory do with fewer lines)
     });
     operation();
     return calls;
 }
 
-<<<<<<< HEAD
 namespace {
 
 // What a function returns that fails with an error; the functions that leave it in errno find it there.
@@ -171,26 +172,12 @@ std::intptr_t FailureOf(std::string_view function, int errorNumber) {
 
 }  // namespace
 
-=======
->>>>>>> 5949fd9 (Let the tests of sockets, queues and memory do with fewer lines)
 FailingCall::FailingCall(const char* function, int skip, int errorNumber)
     : name(function), remaining(skip), interposition(function, [this, errorNumber](const auto& arguments) {
           if (std::this_thread::get_id() != thread || remaining < 0 || remaining-- > 0) {
               return interposition.CallThrough(arguments);
           }
-<<<<<<< HEAD
           return FailureOf(name, errorNumber);
-=======
-          const std::string_view called = name;
-          if (called.substr(0, 8) == "pthread_") {
-              errno = EACCES;
-              return errorNumber != 0 ? errorNumber : EINVAL;
-          }
-          errno = errorNumber != 0 ? errorNumber : EACCES;
-          constexpr std::string_view returnNull[] = {"sem_open", "fopen", "fdopen", "dlopen",
-                                                     "lttng_load_session_attr_create"};
-          return std::find(std::begin(returnNull), std::end(returnNull), called) != std::end(returnNull) ? 0 : -1;
->>>>>>> 5949fd9 (Let the tests of sockets, queues and memory do with fewer lines)
       }) {}
 
 FailingCall::~FailingCall() {

@@ -51,14 +51,12 @@ private:
     std::size_t index = 0;
 };
 
-<<<<<<< HEAD
 /// Returns the arguments of each call of a function that the library makes, in all threads, while `operation` runs.
 std::vector<Interposition::Arguments> CallsOf(const char* function, const std::function<void()>& operation);
-=======
+
 /// Runs `operation`, and once more when it calls `function` for the first time, as another thread might. Returns how
 /// often `function` is called.
 int CountCallsOfTwo(const char* function, const std::function<void()>& operation);
->>>>>>> 5949fd9 (Let the tests of sockets, queues and memory do with fewer lines)
 
 /// While it lives, one call that this thread has the library make of a function fails without being made; one that is
 /// never made fails the test. A function that returns the number of an error returns EINVAL, with EACCES in errno; all

@@ -123,7 +123,6 @@ void WaitUntil(Condition condition) {
     }
 }
 
-<<<<<<< HEAD
 /// A thread that has begun to run `function`, and sleeps in it.
 inline std::thread Sleeping(const std::function<void()>& function) {
     std::atomic<pid_t> id{0};
@@ -133,7 +132,8 @@ inline std::thread Sleeping(const std::function<void()>& function) {
     });
     WaitUntil([&] { return id != 0 && ThreadStat(id, 3) == "S"; });
     return thread;
-=======
+}
+
 /// Whether `function` comes to its end in a thread that is cancelled at the first cancellation point.
 inline bool HasNoCancellationPoint(const std::function<void()>& function) {
     bool isOver = false;
@@ -144,7 +144,6 @@ inline bool HasNoCancellationPoint(const std::function<void()>& function) {
         isOver = true;
     }).join();
     return isOver;
->>>>>>> 5949fd9 (Let the tests of sockets, queues and memory do with fewer lines)
 }
 
 /// A name for a named object of the system that no other process uses at the same time.

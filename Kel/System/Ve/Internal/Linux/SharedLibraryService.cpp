@@ -8,10 +8,7 @@
 #include <link.h>
 
 #include <algorithm>
-<<<<<<< HEAD
 #include <cstddef>
-=======
->>>>>>> eabeb2b (Say what a child inherits, run the release tests in CI, name includes)
 #include <cstdint>
 #include <limits>
 
