@@ -8,13 +8,10 @@
 
 #include <Kel/System/Ve/Adapters/Lockable.h>
 #include <Kel/System/Ve/Adapters/Owned.h>
-#include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/Linux/LockedMemorySegment.h>
 #include <Kel/System/Ve/Internal/Linux/TimerService.h>
 
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,7 +23,6 @@
 using Kel::System::Ve::IMessageQueueService;
 using Kel::System::Ve::Adapters::Lockable;
 using Kel::System::Ve::Adapters::Own;
-using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::LockedMemorySegment;
 using Kel::System::Ve::Internal::Linux::TimerService;

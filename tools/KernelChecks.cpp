@@ -122,8 +122,8 @@ Finding CheckVirtualMachine() {
     };
     for (const auto& sign : signs) {
         if (access(sign.file, F_OK) == 0 && Contains(sign.file, sign.word)) {
-            return {State::Weak, std::string("told by ") + sign.file + "; steal time so far: " +
-                                     std::to_string(StolenSeconds()) + " s"};
+            return {State::Weak, std::string("told by ") + sign.file +
+                                     "; steal time so far: " + std::to_string(StolenSeconds()) + " s"};
         }
     }
     return {State::Good, "no sign of one"};

@@ -10,7 +10,7 @@ void Options::AddFlag(const std::string& option, bool& flag) {
 
 void Options::AddSwitch(const std::string& option, std::optional<bool>& isOn) {
     options.push_back({option, Value::Optional, [option, &isOn](const std::string& value) {
-                           if (value != "" && value != "yes" && value != "no") {
+                           if (value != "yes" && value != "no") {
                                throw UsageError("--" + option + " is yes or no, not '" + value + "'");
                            }
                            isOn = value != "no";
@@ -59,7 +59,7 @@ bool Options::Parse(int argumentCount, char** arguments) const {
         if (entry->value == Value::None && bringsValue) {
             throw UsageError(given + " takes no value");
         }
-        std::string value = bringsValue ? argument.substr(equals + 1) : "";
+        std::string value = bringsValue ? argument.substr(equals + 1) : "yes";
         if (entry->value == Value::Needed && !bringsValue) {
             // What looks like an option is one; a value that does so is given with "=".
             if (++i == argumentCount || std::string_view(arguments[i]).substr(0, 2) == "--") {

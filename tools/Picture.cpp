@@ -164,7 +164,8 @@ void WritePicture(std::ostream& out, const Settings& settings, const Setup& setu
     Drawing drawing(out);
     drawing.Text("title", 24, 34, "start", "Lateness of a timer: " + Describe(settings));
     drawing.Text("small", 24, 56, "start", MachineName() + ", " + KernelText());
-    drawing.Text("small", 24, 75, "start", CountsIn(statistics) + "; " + Describe(setup));
+    drawing.Text("small", 24, 75, "start", CountsIn(statistics));
+    drawing.Text("small", 24, 94, "start", Describe(setup));
     DrawLateness(drawing, lateness);
     DrawCounts(drawing, counts);
     for (const Bin& bin : bins) {

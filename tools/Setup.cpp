@@ -20,7 +20,7 @@ std::string LockMemory(ServiceFactory& factory) {
         return std::generic_category().message(errno);
     }
     // A limit that has room for what there is may have none for another stack.
-    const std::string failure = FailureOfThread(factory, 0, 0);
+    std::string failure = FailureOfThread(factory, 0, 0);
     if (!failure.empty()) {
         munlockall();
     }
