@@ -2,212 +2,192 @@
 
 #include <Kel/Core/CancellationDisabled.h>
 #include <Kel/System/Ve/Internal/Linux/CpuSet.h>
-#include <Kel/System/Ve/Internal/Linux/PosixMutex.h>
 #include <Kel/System/Ve/Internal/MutexGuard.h>
 
+#include <limits.h>
 #include <sched.h>
 
+#include <atomic>
 #include <cerrno>
+#include <utility>
 
 namespace Kel::System::Ve::Internal::Linux {
 
-struct PosixThread::State {
-    State() { lock.Init(false, PTHREAD_PROCESS_PRIVATE); }
-    ~State() { lock.Destroy(); }
-    State(const State&) = delete;
-    State& operator=(const State&) = delete;
+// The states, and all that changes them:
+//
+//   Create      None -> Running
+//   End         Running -> Returned, when the function returns
+//               Running -> Cancelled, when the thread ends in any other way
+//   Join        Returned, Cancelled -> Joining -> None; back again when pthread_join fails
+//   Detach      Running, Returned, Cancelled -> None
 
-    // Guards all that follows; a change of it is notified.
-    PosixMutex lock;
-    pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
-    // 0 when there is none that has not been joined.
-    pthread_t thread{};
-    // Counts the threads, for those that outlive their turn.
-    unsigned int generation = 0;
-    // A thread takes the lock to clear this at its end: whoever holds the lock and sees it set has a handle that is
-    // good.
-    bool running = false;
-    bool returned = false;
-    bool joining = false;
-};
+namespace {
 
-struct PosixThread::Launch {
-    std::shared_ptr<State> state;
-    unsigned int generation;
-    void* (*function)(void*);
-    void* argument;
-};
+constexpr pthread_key_t noKey = PTHREAD_KEYS_MAX;
 
-void PosixThread::Ends(Launch* launchOfThread, bool returned) {
-    // For good: a thread that permits to be cancelled anywhere would be so in what is left of it, which lets nothing
-    // through, and that would end the process. The type, too: glibc 2.36 lets a cancellation through that was on its
-    // way when it was disabled.
-    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    // It has ended now, and not once more.
-    pthread_setspecific(GetEndKey().key, nullptr);
-    const std::unique_ptr<Launch> launch(launchOfThread);
-    State& shared = *launch->state;
-    {
-        const MutexGuard guard(shared.lock);
-        if (shared.generation == launch->generation) {
-            shared.running = false;
-            shared.returned = returned;
-        }
-    }
-    // Not under the lock, which those who wake up take.
-    pthread_cond_broadcast(&shared.changed);
-}
+// The thread-specific data whose destructor tells of the end of a thread that is cancelled: unwinding the stack is not
+// enough on 32-bit ARM, where it breaks off in some calls of the C library, and an object of storage class thread_local
+// would wait for the loader while that loads a library. Made by the first start for which there is a key.
+std::atomic<pthread_key_t> endKey{noKey};
 
-const PosixThread::EndKey& PosixThread::GetEndKey() {
-    static const EndKey key = [] {
-        EndKey made{};
-        made.error = pthread_key_create(&made.key, [](void* launch) { Ends(static_cast<Launch*>(launch), false); });
-        return made;
-    }();
-    return key;
-}
+}  // namespace
 
-PosixThread::PosixThread() : state(std::make_shared<State>()) {}
+PosixThread::PosixThread() { lock.Init(false, PTHREAD_PROCESS_PRIVATE); }
 
 PosixThread::~PosixThread() {
-    const CancellationDisabled disabled;
-    if (!IsCurrent()) {
-        Join();
-        return;
-    }
-    const MutexGuard guard(state->lock);
-    pthread_detach(state->thread);
-    // For those who wait to join it.
-    state->thread = 0;
-    pthread_cond_broadcast(&state->changed);
+    Detach();
+    lock.Destroy();
 }
 
-int PosixThread::Create(const pthread_attr_t& attributes, void* (*function)(void*), void* argument) {
-    if (GetEndKey().error != 0) {
-        return GetEndKey().error;
+int PosixThread::EnsureEndKey() {
+    if (endKey != noKey) {
+        return 0;
     }
-    auto launch = std::make_unique<Launch>(Launch{state, 0, function, argument});
-    // Kept until the end, also when the thread destroys this object meanwhile.
-    const std::shared_ptr<State> shared = state;
-    const MutexGuard guard(shared->lock);
-    launch->generation = state->generation + 1;
-    pthread_t created{};
-    const int code = pthread_create(&created, &attributes, &Run, launch.get());
+    pthread_key_t made{};
+    const int code =
+        pthread_key_create(&made, [](void* ending) { static_cast<PosixThread*>(ending)->End(State::Cancelled); });
     if (code != 0) {
         return code;
     }
-    static_cast<void>(launch.release());
-    if (state->thread != 0 && !state->joining) {
-        pthread_detach(state->thread);
+    pthread_key_t expected = noKey;
+    if (!endKey.compare_exchange_strong(expected, made)) {
+        // Another start has been faster.
+        pthread_key_delete(made);
     }
-    state->thread = created;
-    ++state->generation;
-    state->running = true;
-    state->returned = false;
-    state->joining = false;
-    pthread_cond_broadcast(&state->changed);
     return 0;
 }
 
-void* PosixThread::Run(void* launchArgument) {
-    auto* const launch = static_cast<Launch*>(launchArgument);
-    // One that is cancelled meets its end by this: unwinding the stack alone is not enough on 32-bit ARM, where it
-    // breaks off in some calls of the C library. Not by an object of the thread's, which would have to wait for the
-    // loader while that loads a library.
-    if (pthread_setspecific(GetEndKey().key, launch) != 0) {
-        // Nobody would be told.
+int PosixThread::Create(const pthread_attr_t& attributes, void* (*threadFunction)(void*), void* threadArgument) {
+    int code = EnsureEndKey();
+    if (code != 0) {
+        return code;
+    }
+    const MutexGuard guard(lock);
+    self = shared_from_this();
+    function = threadFunction;
+    argument = threadArgument;
+    code = pthread_create(&handle, &attributes, &Run, this);
+    if (code != 0) {
+        self.reset();
+        return code;
+    }
+    state = State::Running;
+    return 0;
+}
+
+// A thread with asynchronous cancelability may be cancelled at any instruction in here, until pthread_setcanceltype has
+// returned. So this function has nothing to unwind, and what has is not inlined: in a function that has, the exception
+// tables know of calls only, and unwinding from anywhere else ends the process.
+void* PosixThread::Run(void* thread) {
+    auto* const current = static_cast<PosixThread*>(thread);
+    if (pthread_setspecific(endKey, current) != 0) {
+        // Nobody would be told of a cancellation.
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     }
-    void* const result = launch->function(launch->argument);
-    Ends(launch, true);
+    void* const result = current->function(current->argument);
+    // Before the state is disabled: glibc 2.36 looks only at the type when a request that is on its way arrives.
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+    current->End(State::Returned);
     return result;
 }
 
-int PosixThread::Join() { return Join(GetGeneration()); }
-
-int PosixThread::Join(unsigned int generation) {
-    // Kept until the end, also when the thread destroys this object meanwhile.
-    const std::shared_ptr<State> shared = state;
-    pthread_t thread{};
+[[gnu::noinline]] void PosixThread::End(State how) noexcept {
+    // For good: what is left of the thread lets no cancellation through.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    // It ends once.
+    pthread_setspecific(endKey, nullptr);
+    const std::shared_ptr<PosixThread> keptUntilTheReturn = std::move(self);
     {
-        const MutexGuard guard(shared->lock);
-        if (shared->thread != 0 && pthread_equal(shared->thread, pthread_self()) != 0) {
+        const MutexGuard guard(lock);
+        // Unless it has been detached.
+        if (state == State::Running) {
+            state = how;
+        }
+    }
+    // Not under the lock, which those who wake up take.
+    pthread_cond_broadcast(&changed);
+}
+
+int PosixThread::Join() {
+    State ended{};
+    {
+        const MutexGuard guard(lock);
+        if (state != State::None && pthread_equal(handle, pthread_self()) != 0) {
             return EDEADLK;
         }
-        const auto isThere = [&] { return shared->thread != 0 && shared->generation == generation; };
-        // A thread that is cancelled in here leaves everything as it was; in pthread_join, on 32-bit ARM, it would not
-        // even unwind. So that is called only when the thread has as good as ended.
-        while (isThere() && (shared->running || shared->joining)) {
-            pthread_cond_wait(&shared->changed, shared->lock.GetNativeHandle());
+        // pthread_join is called when the thread has as good as ended: a caller that is cancelled in there would not
+        // even unwind on 32-bit ARM. Cancelled here, it leaves everything as it was.
+        while (state == State::Running || state == State::Joining) {
+            pthread_cond_wait(&changed, lock.GetNativeHandle());
         }
-        if (!isThere()) {
+        if (state == State::None) {
             return ESRCH;
         }
-        shared->joining = true;
-        thread = shared->thread;
+        ended = std::exchange(state, State::Joining);
     }
     const CancellationDisabled disabled;
-    const int code = pthread_join(thread, nullptr);
-    // Nothing may keep this from being noted: those who join at the same time would wait for ever.
-    [&]() noexcept {
-        const MutexGuard guard(shared->lock);
-        if (shared->generation == generation) {
-            shared->joining = false;
-            if (code == 0) {
-                shared->thread = 0;
-            }
-            pthread_cond_broadcast(&shared->changed);
-        }
-    }();
+    const int code = pthread_join(handle, nullptr);
+    FinishJoin(code == 0 ? State::None : ended);
     return code;
 }
 
-unsigned int PosixThread::GetGeneration() const {
-    const MutexGuard guard(state->lock);
-    return state->generation;
+// Lets nothing out: those who join at the same time would wait for ever.
+void PosixThread::FinishJoin(State next) noexcept {
+    const MutexGuard guard(lock);
+    state = next;
+    pthread_cond_broadcast(&changed);
+}
+
+void PosixThread::Detach() {
+    const MutexGuard guard(lock);
+    if (state == State::Running || state == State::Returned || state == State::Cancelled) {
+        pthread_detach(handle);
+        state = State::None;
+        pthread_cond_broadcast(&changed);
+    }
 }
 
 int PosixThread::Cancel() {
-    const MutexGuard guard(state->lock);
-    if (state->thread == 0) {
+    const MutexGuard guard(lock);
+    if (state == State::None) {
         return ESRCH;
     }
-    return state->running ? pthread_cancel(state->thread) : 0;
+    return state == State::Running ? pthread_cancel(handle) : 0;
 }
 
+// The thread takes the lock to leave the state Running: until then its handle is good for all calls.
 template <typename Call>
-int PosixThread::WhileRunning(Call call) const {
-    const MutexGuard guard(state->lock);
-    return state->running ? call(state->thread) : ESRCH;
+int PosixThread::CallIfRunning(Call call) const {
+    const MutexGuard guard(lock);
+    return state == State::Running ? call(handle) : ESRCH;
 }
 
 int PosixThread::SetName(const char* name) {
-    return WhileRunning([=](pthread_t thread) { return pthread_setname_np(thread, name); });
+    return CallIfRunning([=](pthread_t thread) { return pthread_setname_np(thread, name); });
 }
 
 int PosixThread::SetPriority(unsigned int priority) {
-    return WhileRunning([=](pthread_t thread) {
+    return CallIfRunning([=](pthread_t thread) {
         const sched_param parameters{static_cast<int>(priority)};
         return pthread_setschedparam(thread, priority != 0 ? SCHED_FIFO : SCHED_OTHER, &parameters);
     });
 }
 
 int PosixThread::SetAffinity(unsigned int mask) {
-    return WhileRunning([=](pthread_t thread) {
+    return CallIfRunning([=](pthread_t thread) {
         const cpu_set_t processors = CpuSetOf(mask);
         return pthread_setaffinity_np(thread, sizeof processors, &processors);
     });
 }
 
 bool PosixThread::Joinable() const {
-    const MutexGuard guard(state->lock);
-    return state->thread != 0 && !state->returned;
+    const MutexGuard guard(lock);
+    return state == State::Running || state == State::Cancelled;
 }
 
 bool PosixThread::IsCurrent() const {
-    const MutexGuard guard(state->lock);
-    return state->thread != 0 && pthread_equal(state->thread, pthread_self()) != 0;
+    const MutexGuard guard(lock);
+    return state != State::None && pthread_equal(handle, pthread_self()) != 0;
 }
 
 }  // namespace Kel::System::Ve::Internal::Linux

@@ -73,11 +73,15 @@ bool SemaphoreService::Wait(unsigned int timeoutMs) {
 
 void SemaphoreService::WaitInfinite() { CheckErrno(sem_wait(GetHandle()), waitFailed); }
 
-void SemaphoreService::WaitThroughSignals() {
+void SemaphoreService::WaitRetryingOnEintr() {
+    int failure = 0;
     while (sem_wait(GetHandle()) == -1) {
         if (errno != EINTR) {
-            ThrowFailure(errno, waitFailed, "WaitInfinite");
+            failure = errno;
         }
+    }
+    if (failure != 0) {
+        ThrowFailure(failure, waitFailed, "WaitInfinite");
     }
 }
 

@@ -30,8 +30,9 @@ public:
     int GetValue() const override;
 
     void WaitInfinite();
-    /// As `WaitInfinite`, but goes on when a signal interrupts it.
-    void WaitThroughSignals();
+    /// As `WaitInfinite`, but a wait that a signal handler interrupts goes on, and so does one that fails: that is
+    /// thrown after the semaphore has been acquired.
+    void WaitRetryingOnEintr();
     /// Returns false when the time ran out; 0 does not wait.
     bool TimedWait(unsigned int timeoutMs);
 

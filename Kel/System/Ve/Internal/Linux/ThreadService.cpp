@@ -5,11 +5,14 @@
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/Linux/CpuSet.h>
 #include <Kel/System/Ve/Internal/Linux/SystemCall.h>
+#include <Kel/System/Ve/Internal/MutexGuard.h>
 
 #include <sched.h>
 #include <time.h>
 
+#include <memory>
 #include <new>
+#include <optional>
 
 namespace Kel::System::Ve::Internal {
 
@@ -27,11 +30,62 @@ namespace Kel::System::Ve::Internal::Linux {
 
 using Exceptions::VeException;
 
-// The step of a start that failed, and the code that its call returned.
-struct ThreadService::Failure {
-    const char* step;
+// What a start shares with its thread until that has posted: after that the thread may have deleted the service.
+struct ThreadService::Launch {
+    ThreadService& service;
+    bool hasNamedItself = false;
+};
+
+namespace {
+
+// A step of a start that has failed.
+struct FailedStep {
+    const char* label;
+    // What the call returned.
     int code;
 };
+
+// Makes the attributes those of the settings; returns the step that has failed, if one has.
+std::optional<FailedStep> SetAttributes(pthread_attr_t& attributes, const IThreadService& settings) {
+    sched_param parameters{};
+    int code = pthread_attr_getschedparam(&attributes, &parameters);
+    if (code != 0) {
+        return FailedStep{"Could not get scheduling parameters", code};
+    }
+    parameters.sched_priority = static_cast<int>(settings.GetPriority());
+    code = pthread_attr_setschedpolicy(&attributes, settings.GetPriority() != 0 ? SCHED_FIFO : SCHED_OTHER);
+    if (code != 0) {
+        return FailedStep{"Could not set scheduling policy", code};
+    }
+    code = pthread_attr_setschedparam(&attributes, &parameters);
+    if (code != 0) {
+        return FailedStep{"Could not set scheduling parameters", code};
+    }
+    code = pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+    if (code != 0) {
+        return FailedStep{"Could not set schedinheritance", code};
+    }
+    if (settings.GetStackSize() != 0) {
+        code = pthread_attr_setstacksize(&attributes, settings.GetStackSize());
+        if (code != 0) {
+            return FailedStep{"Could not set stacksize", code};
+        }
+    }
+    if (settings.GetCpuAffinity() != 0) {
+        const cpu_set_t processors = CpuSetOf(settings.GetCpuAffinity());
+        code = pthread_attr_setaffinity_np(&attributes, sizeof processors, &processors);
+        if (code != 0) {
+            return FailedStep{"Could not set cpu affinity", code};
+        }
+    }
+    return std::nullopt;
+}
+
+[[noreturn]] void ThrowFailedStep(const FailedStep& step) {
+    throw VeException("{0}: {1}, linux error code: {2}", "StartThread", step.label, ErrorText(step.code));
+}
+
+}  // namespace
 
 ThreadService::ThreadService(void* (*function)(void*), void* functionArgument, const BasicString& threadName,
                              unsigned int threadPriority, unsigned int affinityMask, unsigned int stackBytes)
@@ -40,6 +94,20 @@ ThreadService::ThreadService(void* (*function)(void*), void* functionArgument, c
     SetPriority(threadPriority);
     SetCpuAffinity(affinityMask);
     SetStackSize(stackBytes);
+    threadLock.Init(false, PTHREAD_PROCESS_PRIVATE);
+}
+
+ThreadService::~ThreadService() {
+    const CancellationDisabled disabled;
+    // By its lock: a thread that deletes its own object may be faster than the start that is about to release that.
+    const std::shared_ptr<PosixThread> last = GetThread();
+    // And it cannot wait for its own end.
+    if (last->IsCurrent()) {
+        last->Detach();
+    } else {
+        last->Join();
+    }
+    threadLock.Destroy();
 }
 
 void ThreadService::Sleep(unsigned int milliseconds) {
@@ -58,139 +126,109 @@ void ThreadService::SetAsynchronousCancelability(bool asynchronous) {
 }
 
 void ThreadService::StartThread() {
-    // The new thread uses this object until it has posted, so this thread must not leave before. After that, the new
-    // one may delete it.
+    // The new thread uses this object and the launch until it has posted, so this thread must not leave before.
     const CancellationDisabled disabled;
-    semIsStartedPtr.reset(new (std::nothrow) SemaphoreService(0));
-    if (!semIsStartedPtr) {
-        Fail({"Could not allocate semIsStartedPtr", 0});
+    // The new thread may delete this object once it has posted, but not what is waited for.
+    const std::shared_ptr<SemaphoreService> started(new (std::nothrow) SemaphoreService(0));
+    semIsStartedPtr = started;
+    if (started == nullptr) {
+        ThrowFailedStep({"Could not allocate semIsStartedPtr", 0});
     }
     pthread_attr_t attributes;
-    const int code = pthread_attr_init(&attributes);
-    if (code != 0) {
+    const int initCode = pthread_attr_init(&attributes);
+    if (initCode != 0) {
         // Here the semaphore stays.
-        throw VeException("{0}: {1}, linux error code: {2}", __func__, "Could not initialize thread attribute",
-                          ErrorText(code));
+        ThrowFailedStep({"Could not initialize thread attribute", initCode});
     }
-    const std::shared_ptr<SemaphoreService> posted = semIsStartedPtr;
-    bool named = false;
-    hasNamedItself = &named;
-    try {
-        const Failure failure = Create(attributes);
-        if (failure.code != 0) {
-            Fail(failure);
-        }
-        WaitForPost(*posted);
-    } catch (...) {
-        pthread_attr_destroy(&attributes);
-        throw;
-    }
-    const int destroyCode = pthread_attr_destroy(&attributes);
-    if (!named) {
-        // It has ended already; what is left of it goes, too.
-        thread.Join();
-        Fail({"", destroyCode});
-    }
-    if (destroyCode != 0) {
-        Fail({"Could not destroy thread attribute", destroyCode});
-    }
-}
+    std::unique_ptr<pthread_attr_t, int (*)(pthread_attr_t*)> attributesOwner(&attributes, &pthread_attr_destroy);
 
-void ThreadService::WaitForPost(SemaphoreService& posted) {
-    try {
-        posted.WaitThroughSignals();
-    } catch (...) {
-        // Whoever starts anew would take away what the thread still posts to.
-        while (!posted.Wait(1)) {
-        }
-        throw;
-    }
-}
-
-ThreadService::Failure ThreadService::Create(pthread_attr_t& attributes) {
-    sched_param parameters;
-    int code = pthread_attr_getschedparam(&attributes, &parameters);
-    if (code != 0) {
-        return {"Could not get scheduling parameters", code};
-    }
-    parameters.sched_priority = static_cast<int>(GetPriority());
-    code = pthread_attr_setschedpolicy(&attributes, GetPriority() != 0 ? SCHED_FIFO : SCHED_OTHER);
-    if (code != 0) {
-        return {"Could not set scheduling policy", code};
-    }
-    code = pthread_attr_setschedparam(&attributes, &parameters);
-    if (code != 0) {
-        return {"Could not set scheduling parameters", code};
-    }
-    code = pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
-    if (code != 0) {
-        return {"Could not set schedinheritance", code};
-    }
-    if (GetStackSize() != 0) {
-        code = pthread_attr_setstacksize(&attributes, GetStackSize());
+    Launch launch{*this};
+    std::optional<FailedStep> failed = SetAttributes(attributes, *this);
+    if (!failed) {
+        const int code = CreateThread(attributes, launch);
         if (code != 0) {
-            return {"Could not set stacksize", code};
+            failed = FailedStep{"Could not create thread", code};
         }
     }
-    if (GetCpuAffinity() != 0) {
-        const cpu_set_t processors = CpuSetOf(GetCpuAffinity());
-        code = pthread_attr_setaffinity_np(&attributes, sizeof processors, &processors);
-        if (code != 0) {
-            return {"Could not set cpu affinity", code};
-        }
+    if (!failed) {
+        started->WaitRetryingOnEintr();
     }
-    return {"Could not create thread", thread.Create(attributes, &RunInternal, this)};
+    const int destroyCode = pthread_attr_destroy(attributesOwner.release());
+    if (!failed && !launch.hasNamedItself) {
+        // It has ended, or is about to.
+        GetThread()->Join();
+        failed = FailedStep{"", destroyCode};
+    }
+    if (!failed && destroyCode != 0) {
+        failed = FailedStep{"Could not destroy thread attribute", destroyCode};
+    }
+    if (failed) {
+        semIsStartedPtr.reset();
+        ThrowFailedStep(*failed);
+    }
 }
 
-void ThreadService::Fail(const Failure& failure) {
-    semIsStartedPtr.reset();
-    throw VeException("{0}: {1}, linux error code: {2}", "StartThread", failure.step, ErrorText(failure.code));
+int ThreadService::CreateThread(const pthread_attr_t& attributes, Launch& launch) {
+    const auto created = std::make_shared<PosixThread>();
+    // Held until the pointer is that of the new thread, which may use it at once.
+    const MutexGuard guard(threadLock);
+    const int code = created->Create(attributes, &RunInternal, &launch);
+    if (code == 0) {
+        thread->Detach();
+        thread = created;
+    }
+    return code;
 }
 
-bool ThreadService::TellOfTheStart() {
-    // The object and its semaphore are there until the post, and perhaps no longer. Until then the thread cannot be
-    // cancelled.
+// Has nothing to unwind, as `PosixThread::Run`.
+void* ThreadService::RunInternal(void* launchArgument) {
+    auto& launch = *static_cast<Launch*>(launchArgument);
+    void* (*const function)(void*) = launch.service.threadFunction;
+    void* const functionArgument = launch.service.argument;
+    return SignalStarted(launch) ? function(functionArgument) : nullptr;
+}
+
+// Returns false when the thread could not name itself; it ends then, without a call of the function.
+[[gnu::noinline]] bool ThreadService::SignalStarted(Launch& launch) {
     const CancellationDisabled disabled;
-    const bool named = GetName().empty() || pthread_setname_np(pthread_self(), GetName().c_str()) == 0;
-    *hasNamedItself = named;
+    ThreadService& service = launch.service;
+    const bool named = service.GetName().empty() || pthread_setname_np(pthread_self(), service.GetName().c_str()) == 0;
+    launch.hasNamedItself = named;
     if (named) {
-        isStarted = true;
+        service.isStarted = true;
     }
-    semIsStartedPtr->Post();
+    service.semIsStartedPtr->Post();
     return named;
 }
 
-// Has nothing to unwind: a thread may be cancelled anywhere in here, and the tables tell that of calls only.
-void* ThreadService::RunInternal(void* self) {
-    auto& service = *static_cast<ThreadService*>(self);
-    void* (*const function)(void*) = service.threadFunction;
-    void* const functionArgument = service.argument;
-    return service.TellOfTheStart() ? function(functionArgument) : nullptr;
+std::shared_ptr<PosixThread> ThreadService::GetThread() const {
+    const MutexGuard guard(threadLock);
+    return thread;
 }
 
 void ThreadService::ChangeName(const BasicString& newName) {
-    CheckReturnedCode(thread.SetName(newName.c_str()), "{0}: Could not change threadname, linux error code: {1}");
+    CheckReturnedCode(GetThread()->SetName(newName.c_str()), "{0}: Could not change threadname, linux error code: {1}");
 }
 
 void ThreadService::ChangePriority(unsigned int newPriority) {
-    CheckReturnedCode(thread.SetPriority(newPriority), "{0}: Could not change priority, linux error code: {1}");
+    CheckReturnedCode(GetThread()->SetPriority(newPriority), "{0}: Could not change priority, linux error code: {1}");
 }
 
 void ThreadService::ChangeCpuAffinity(unsigned int mask) {
     // Unlike at the start, where 0 sets no affinity.
     const unsigned int processors0To9 = 0x3FF;
-    CheckReturnedCode(thread.SetAffinity(mask != 0 ? mask : processors0To9),
+    CheckReturnedCode(GetThread()->SetAffinity(mask != 0 ? mask : processors0To9),
                       "{0}: Could not change cpu affinity, linux error code: {1}");
 }
 
 void ThreadService::Join() {
-    CheckReturnedCode(thread.Join(), "{0}: Joining Thread did not succeed, linux error code: {1}");
+    CheckReturnedCode(GetThread()->Join(), "{0}: Joining Thread did not succeed, linux error code: {1}");
 }
 
 void ThreadService::Cancel() {
-    CheckReturnedCode(thread.Cancel(), "{0}: Canceling Thread did not succeed, linux error code: {1}");
+    CheckReturnedCode(GetThread()->Cancel(), "{0}: Canceling Thread did not succeed, linux error code: {1}");
 }
 
-bool ThreadService::Joinable() const { return thread.Joinable(); }
+bool ThreadService::Joinable() const { return GetThread()->Joinable(); }
 
 }  // namespace Kel::System::Ve::Internal::Linux

@@ -2,6 +2,7 @@
 
 #include <Kel/Core/BasicString.h>
 #include <Kel/Core/Export.h>
+#include <Kel/System/Ve/Internal/Linux/PosixMutex.h>
 #include <Kel/System/Ve/Internal/Linux/PosixThread.h>
 #include <Kel/System/Ve/Internal/Linux/SemaphoreService.h>
 #include <Kel/System/Ve/Internal/ThreadServiceBase.h>
@@ -17,6 +18,7 @@ class KEL_API ThreadService final : public ThreadServiceBase {
 public:
     ThreadService(void* (*function)(void*), void* functionArgument, const BasicString& threadName,
                   unsigned int threadPriority, unsigned int affinityMask, unsigned int stackBytes);
+    ~ThreadService() override;
 
     static void Sleep(unsigned int milliseconds);
     static unsigned int GetCurrentThreadId();
@@ -31,23 +33,21 @@ public:
     bool Joinable() const override;
 
 private:
-    struct Failure;
+    struct Launch;
 
-    static void* RunInternal(void* self);
-    // What the thread does before its function. Returns false when it could not name itself, and then has to end.
-    bool TellOfTheStart();
+    // The start routine of every thread, which is given its Launch.
+    static void* RunInternal(void* launch);
+    static bool SignalStarted(Launch& launch);
 
-    Failure Create(pthread_attr_t& attributes);
-    // Returns or throws once the new thread has posted.
-    static void WaitForPost(SemaphoreService& posted);
-    [[noreturn]] void Fail(const Failure& failure);
+    int CreateThread(const pthread_attr_t& attributes, Launch& launch);
+    std::shared_ptr<PosixThread> GetThread() const;
 
     // Posted once by each new thread.
     std::shared_ptr<SemaphoreService> semIsStartedPtr;
-    // Where the thread that is being started says whether it has named itself, before it posts.
-    bool* hasNamedItself = nullptr;
-    // Last: at the end of the object the thread ends before anything that it may use.
-    PosixThread thread;
+    // Guards the pointer: other threads may join and cancel while a start replaces it.
+    mutable PosixMutex threadLock;
+    // The thread created last. Never null.
+    std::shared_ptr<PosixThread> thread = std::make_shared<PosixThread>();
 };
 
 }  // namespace Kel::System::Ve::Internal::Linux

@@ -16,26 +16,69 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <memory>
 #include <utility>
 
 namespace Kel::System::Ve::Internal::Linux {
 
 using Exceptions::VeException;
 
-// What a timer's thread works with: all of it as it was at the start.
+// The states, and all that changes them:
+//
+//   Start       Stopped -> Started, or StartFailed when it throws after the thread has been created
+//               StartFailed -> Ending, and Ending -> Ending: waits until the thread is joined, and looks again
+//               Started, Stopping: refused; so is the handler of the timer in all states
+//   Stop        Started -> Stopping, and Stopping, Ending: waits until the thread is joined
+//               Started -> Ending when called by the handler, which cannot wait for itself
+//               Stopped, StartFailed: does nothing
+//   deletion    any -> Ending: waits until the thread is joined, or detaches it when called by the handler
+//   joined      Stopping, Ending -> Stopped
+//   cancelled   Stopping -> Ending, when a Stop does not come to its end
+//
+// As long as there is a thread that has not been joined, no other is created.
+
+// What one start shares with its thread, which outlives the timer when the handler deletes that.
 struct TimerService::Launch {
     const unsigned int period;
     void (*const handler)(void*);
     void* const argument;
     std::atomic<bool> isRunning{true};
+    const std::shared_ptr<PosixThread> thread = std::make_shared<PosixThread>();
 };
 
 namespace {
 
-void RefuseWhenStarted(bool isStarted) {
-    if (isStarted) {
-        throw VeException("{0}: Timer was started yet!", "Start");
-    }
+// Lets go of a mutex while it lives.
+class MutexRelease {
+public:
+    explicit MutexRelease(MutexService& held) : mutex(held) { mutex.Unlock(); }
+    ~MutexRelease() { mutex.Lock(); }
+    MutexRelease(const MutexRelease&) = delete;
+    MutexRelease& operator=(const MutexRelease&) = delete;
+
+private:
+    MutexService& mutex;
+};
+
+// The results are not looked at: what does not come through shows when the thread is created.
+void SetAttributes(pthread_attr_t& attributes, unsigned int priority) {
+    sched_param parameters{};
+    pthread_attr_init(&attributes);
+    pthread_attr_getschedparam(&attributes, &parameters);
+    parameters.sched_priority = static_cast<int>(priority);
+    pthread_attr_setschedpolicy(&attributes, priority != 0 ? SCHED_FIFO : SCHED_OTHER);
+    pthread_attr_setschedparam(&attributes, &parameters);
+    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+}
+
+void SetThreadName(PosixThread& thread, const BasicString& name) {
+    CheckReturnedCode(thread.SetName(name.c_str()), "{0}: Could not set threadname of timer, linux error code: {1}",
+                      "ChangeName");
+}
+
+void SetThreadAffinity(PosixThread& thread, unsigned int mask) {
+    CheckReturnedCode(thread.SetAffinity(mask), "{0}: Could not set cpu affinity, linux error code: {1}",
+                      "ChangeCpuAffinity");
 }
 
 }  // namespace
@@ -51,7 +94,17 @@ TimerService::TimerService(unsigned int microseconds, const BasicString& timerNa
 
 TimerService::~TimerService() {
     const CancellationDisabled disabled;
-    EndThread(false);
+    const MutexGuard guard(mutex);
+    if (state == State::Stopped) {
+        return;
+    }
+    RequestEnd();
+    Enter(State::Ending);
+    if (launch->thread->IsCurrent()) {
+        launch->thread->Detach();
+    } else {
+        WaitForEnd();
+    }
 }
 
 void TimerService::SetLatencyTarget() {
@@ -68,81 +121,79 @@ void TimerService::SetLatencyTarget() {
     ThrowFailure(errno, "{0}: Could not write 0 cpu_dma latency: {1}");
 }
 
-void TimerService::Start() {
-    // Also when its own handler has stopped it: that call has not ended yet, and no other may begin.
-    RefuseWhenStarted(timerThread.IsCurrent());
-    do {
-        // A thread that was stopped by its own handler, or that runs on after a start that failed.
-        EndThread(true);
-    } while (!StartThread());
+void TimerService::Enter(State next) {
+    state = next;
+    isStarted = next == State::Started || next == State::Stopping;
+    if (next == State::Stopped) {
+        launch.reset();
+    }
 }
 
-bool TimerService::StartThread() {
-    // The new thread waits for it: its handler is not called before the start has ended, one way or the other.
-    const MutexGuard untilTheEndOfTheStart(mutex);
-    RefuseWhenStarted(isStarted);
-    if (launch && launch->isRunning) {
-        return false;
+void TimerService::RequestEnd() {
+    launch->isRunning = false;
+    conditionVariable.NotifyOne();
+}
+
+// Lets go of the mutex while it waits; holds it again when it returns or is cancelled.
+void TimerService::WaitForEnd() {
+    const std::shared_ptr<Launch> ending = launch;
+    // Another thread that waits may have been faster, and even have started the timer again.
+    const auto enter = [&](State next) {
+        if (launch == ending) {
+            Enter(next);
+        }
+    };
+    try {
+        const MutexRelease release(mutex);
+        ending->thread->Join();
+    } catch (...) {
+        enter(State::Ending);
+        throw;
+    }
+    enter(State::Stopped);
+}
+
+void TimerService::Start() {
+    // The thread that is created waits for it, too: the handler is not called before Start has ended.
+    const MutexGuard guard(mutex);
+    while (state != State::Stopped) {
+        if (isStarted || launch->thread->IsCurrent()) {
+            throw VeException("{0}: Timer was started yet!", __func__);
+        }
+        RequestEnd();
+        Enter(State::Ending);
+        WaitForEnd();
     }
 
-    // The results are not looked at: what does not come through shows when the thread is made.
     pthread_attr_t attributes{};
-    sched_param parameters{};
-    pthread_attr_init(&attributes);
-    pthread_attr_getschedparam(&attributes, &parameters);
-    parameters.sched_priority = static_cast<int>(GetPriority());
-    pthread_attr_setschedpolicy(&attributes, GetPriority() != 0 ? SCHED_FIFO : SCHED_OTHER);
-    pthread_attr_setschedparam(&attributes, &parameters);
-    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
-
-    std::shared_ptr<Launch> newLaunch(new Launch{GetPeriod(), handler, handlerArgument});
-    CheckReturnedCode(timerThread.Create(attributes, &TimerThreadRun, this),
-                      "{0}: Could not create posix-thread for timer, linux error code: {1}", "Start");
-    launch = std::move(newLaunch);
+    SetAttributes(attributes, GetPriority());
+    std::shared_ptr<Launch> created(new Launch{GetPeriod(), handler, handlerArgument});
+    CheckReturnedCode(created->thread->Create(attributes, &TimerThreadRun, this),
+                      "{0}: Could not create posix-thread for timer, linux error code: {1}");
+    launch = std::move(created);
+    // Unless all else succeeds.
+    Enter(State::StartFailed);
     pthread_attr_destroy(&attributes);
-    ChangeName(GetName());
+    SetThreadName(*launch->thread, GetName());
     if (GetCPUAffinity() != 0) {
-        ChangeCpuAffinity(GetCPUAffinity());
+        SetThreadAffinity(*launch->thread, GetCPUAffinity());
     }
-    isStarted = true;
-    return true;
+    Enter(State::Started);
 }
 
 void TimerService::Stop() {
-    {
-        const MutexGuard guard(mutex);
-        // Stopped by its own handler, its last call may still be in progress.
-        const bool hasBeenStopped = launch && !launch->isRunning;
-        if (!isStarted && !hasBeenStopped) {
-            return;
-        }
-    }
-    const std::shared_ptr<Launch> stopped = EndThread(false);
     const MutexGuard guard(mutex);
-    // Unless another thread has stopped it, too, and started it again.
-    if (launch == stopped) {
-        isStarted = false;
+    if (state == State::Stopped || state == State::StartFailed) {
+        return;
     }
-}
-
-std::shared_ptr<TimerService::Launch> TimerService::EndThread(bool forStart) {
-    std::shared_ptr<Launch> ended;
-    unsigned int generation = 0;
-    {
-        const MutexGuard guard(mutex);
-        RefuseWhenStarted(forStart && isStarted);
-        ended = launch;
-        generation = timerThread.GetGeneration();
-        if (ended) {
-            ended->isRunning = false;
-            conditionVariable.NotifyOne();
-        }
+    RequestEnd();
+    const bool calledByHandler = launch->thread->IsCurrent();
+    if (state == State::Started) {
+        Enter(calledByHandler ? State::Ending : State::Stopping);
     }
-    // The handler's own call cannot wait for itself.
-    if (!timerThread.IsCurrent()) {
-        timerThread.Join(generation);
+    if (!calledByHandler) {
+        WaitForEnd();
     }
-    return ended;
 }
 
 void* TimerService::TimerThreadRun(void* timer) {
@@ -155,7 +206,6 @@ void* TimerService::TimerThreadRun(void* timer) {
 void TimerService::Run() {
     std::shared_ptr<Launch> running;
     {
-        // The start has it until its end.
         const MutexGuard guard(mutex);
         running = launch;
     }
@@ -188,17 +238,17 @@ void TimerService::Run() {
     }
 }
 
-void TimerService::ChangeName(const BasicString& newName) {
-    CheckReturnedCode(timerThread.SetName(newName.c_str()),
-                      "{0}: Could not set threadname of timer, linux error code: {1}");
+std::shared_ptr<PosixThread> TimerService::GetThread() {
+    const MutexGuard guard(mutex);
+    return launch ? launch->thread : std::make_shared<PosixThread>();
 }
+
+void TimerService::ChangeName(const BasicString& newName) { SetThreadName(*GetThread(), newName); }
 
 void TimerService::ChangePriority(unsigned int newPriority) {
-    CheckReturnedCode(timerThread.SetPriority(newPriority), "{0}: Could not change priority, linux error code: {1}");
+    CheckReturnedCode(GetThread()->SetPriority(newPriority), "{0}: Could not change priority, linux error code: {1}");
 }
 
-void TimerService::ChangeCpuAffinity(unsigned int mask) {
-    CheckReturnedCode(timerThread.SetAffinity(mask), "{0}: Could not set cpu affinity, linux error code: {1}");
-}
+void TimerService::ChangeCpuAffinity(unsigned int mask) { SetThreadAffinity(*GetThread(), mask); }
 
 }  // namespace Kel::System::Ve::Internal::Linux

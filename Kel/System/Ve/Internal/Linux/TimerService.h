@@ -43,18 +43,30 @@ public:
 private:
     struct Launch;
 
-    /// Returns false, and does nothing, when there is a thread that another start has left running.
-    bool StartThread();
+    enum class State {
+        /// There is no thread.
+        Stopped,
+        /// The thread calls the handler.
+        Started,
+        /// The same, but Start has thrown: the name or the processors could not be set.
+        StartFailed,
+        /// The thread has been requested to end, and a Stop waits until it is joined.
+        Stopping,
+        /// The thread has been requested to end; whoever needs that waits until it is joined.
+        Ending,
+    };
 
-    /// Ends the thread started last, if there is one; returns what it works with. For a start, refuses when another has
-    /// come first.
-    std::shared_ptr<Launch> EndThread(bool forStart);
+    void Enter(State next);
+    void RequestEnd();
+    void WaitForEnd();
+    std::shared_ptr<PosixThread> GetThread();
 
+    // Guards the state and the launch.
     MutexService mutex;
     ConditionVariableService conditionVariable;
-    // Of the thread started last, which may outlive this object when its handler deletes it. Guarded by the mutex.
+    State state = State::Stopped;
+    // Of the thread that has not been joined; null when Stopped.
     std::shared_ptr<Launch> launch;
-    PosixThread timerThread;
 };
 
 }  // namespace Kel::System::Ve::Internal::Linux
