@@ -72,7 +72,7 @@ TEST_F(SemaphoreTest, ClosedSemaphoreRefusesEverything) {
     const std::pair<Operation, std::string> table[] = {
         {[&] { closed.Wait(0); }, "Wait"},        {[&] { closed.WaitInfinite(); }, "WaitInfinite"},
         {[&] { closed.Wait(1); }, "Wait"},        {[&] { closed.TimedWait(1); }, "TimedWait"},
-        {[&] { closed.TryWait(); }, "TryWait"},   {[&] { closed.WaitThroughSignals(); }, "WaitThroughSignals"},
+        {[&] { closed.TryWait(); }, "TryWait"},   {[&] { closed.WaitRetryingOnEintr(); }, "WaitRetryingOnEintr"},
         {[&] { closed.GetValue(); }, "GetValue"},
     };
     for (const auto& [operation, text] : table) {
@@ -98,8 +98,8 @@ TEST_F(SemaphoreTest, FailuresAreReported) {
          "VeException: Destroy: Semaphore could not be destroyed: Permission denied"},
         {"sem_wait", [&] { unnamed.Wait(0); },
          "VeException: WaitInfinite: Semaphore could not be waited for: Interrupted system call", 0, EINTR},
-        {"sem_wait", [] { SemaphoreService(1).WaitThroughSignals(); }, "done", 0, EINTR},
-        {"sem_wait", [&] { unnamed.WaitThroughSignals(); },
+        {"sem_wait", [] { SemaphoreService(1).WaitRetryingOnEintr(); }, "done", 0, EINTR},
+        {"sem_wait", [&] { unnamed.WaitRetryingOnEintr(); },
          "VeException: WaitInfinite: Semaphore could not be waited for: Permission denied"},
         {"sem_trywait", [&] { unnamed.TryWait(); },
          "VeException: TryWait: Semaphore could not be waited for: Permission denied"},
