@@ -30,15 +30,8 @@ protected:
     void SetContent(const std::string& text) const { folder.Write(name, text); }
     std::string Content() const { return folder.Read(name); }
 
-    /// How often `operation` synchronises a file.
-    static int CountSynchronisations(const std::function<void()>& operation) {
-        int count = 0;
-        const Interposition counted("fsync", [&](const auto& arguments) {
-            ++count;
-            return counted.CallThrough(arguments);
-        });
-        operation();
-        return count;
+    static std::size_t CountSynchronisations(const std::function<void()>& operation) {
+        return CallsOf("fsync", operation).size();
     }
 
     /// The descriptor of the file, -1 when it is not open.
@@ -248,11 +241,11 @@ TEST_F(FileTest, OpeningAgainClosesWhatWasOpen) {
 TEST_F(FileTest, ClosingSynchronisesWhatMayBeWrittenByTheAccessThatWas) {
     SetContent("x");
     FileService file(path, FileMode::Open, FileAccess::Read, true);
-    EXPECT_EQ(CountSynchronisations([&] { file.Open(path, FileMode::Open, FileAccess::Write); }), 0);
-    EXPECT_EQ(CountSynchronisations([&] { file.Open(path, FileMode::Open, FileAccess::Read); }), 1);
-    EXPECT_EQ(CountSynchronisations([&] { file.Close(); }), 0);
-    EXPECT_EQ(CountSynchronisations([&] { Make(FileMode::Open, FileAccess::Write); }), 0);
-    EXPECT_EQ(CountSynchronisations([&] { FileServiceBase::Sync(path); }), 1);
+    EXPECT_EQ(CountSynchronisations([&] { file.Open(path, FileMode::Open, FileAccess::Write); }), 0U);
+    EXPECT_EQ(CountSynchronisations([&] { file.Open(path, FileMode::Open, FileAccess::Read); }), 1U);
+    EXPECT_EQ(CountSynchronisations([&] { file.Close(); }), 0U);
+    EXPECT_EQ(CountSynchronisations([&] { Make(FileMode::Open, FileAccess::Write); }), 0U);
+    EXPECT_EQ(CountSynchronisations([&] { FileServiceBase::Sync(path); }), 1U);
 }
 
 TEST_F(FileTest, PathsAreLookedForDeletedAndSynchronised) {
@@ -282,17 +275,9 @@ TEST_F(FileTest, PathsAreLookedForDeletedAndSynchronised) {
 TEST_F(FileTest, ThreadIsNotCancelledWhileItSeeksOrCloses) {
     const auto file = Make(FileMode::Create, FileAccess::ReadWrite);
     Write(*file, "to be flushed");
-    int steps = 0;
-    std::thread([&] {
-        pthread_cancel(pthread_self());
-        file->Seek(0, SeekOrigin::Begin);
-        ++steps;
-        Write(*file, "to be flushed");
-        file->Close();
-        ++steps;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    }).join();
-    EXPECT_EQ(steps, 2);
+    EXPECT_TRUE(HasNoCancellationPoint([&] { file->Seek(0, SeekOrigin::Begin); }));
+    Write(*file, "to be flushed");
+    EXPECT_TRUE(HasNoCancellationPoint([&] { file->Close(); }));
 }
 
 TEST(FileErrorTest, SystemErrorsHaveClasses) {

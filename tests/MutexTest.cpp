@@ -48,6 +48,28 @@ TEST_F(MutexTest, IsDestroyedOnceIfItWasMade) {
     EXPECT_EQ(CallsOf("pthread_mutex_destroy", makeAndDestroy).size(), 1U);
 }
 
+TEST_F(MutexTest, SharedOneThatIsHeldIsNotDestroyed) {
+    for (const bool isRecursive : {false, true}) {
+        IpcMutexService mutex;
+        mutex.Init(isRecursive);
+        const auto refuse = [&] {
+            EXPECT_TRUE(ComesTo([&] { mutex.Destroy(); },
+                                "VeException: Destroy: Mutex could not be destroyed: Device or resource busy"));
+        };
+        mutex.Lock();
+        refuse();
+        std::thread(refuse).join();
+        mutex.Unlock();
+        EXPECT_TRUE(mutex.TryLock());
+        mutex.Unlock();
+        // User-mode emulation does not tell of a holder's end.
+        if (!IsEmulated()) {
+            std::thread([&] { mutex.Lock(); }).join();
+        }
+        mutex.Destroy();
+    }
+}
+
 TEST_F(MutexTest, FailuresAreReported) {
     const auto create = [&] { return factory->CreateMutex(false); };
     const auto mutex = Own(create());

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+
 namespace {
 
 class ProcessTest : public FactoryTest {
@@ -52,15 +54,7 @@ protected:
 };
 
 // Whether `operation` sends a signal.
-bool Signals(const std::function<void()>& operation) {
-    bool isSent = false;
-    const Interposition sent("kill", [&](const auto& arguments) {
-        isSent = true;
-        return sent.CallThrough(arguments);
-    });
-    operation();
-    return isSent;
-}
+bool Signals(const std::function<void()>& operation) { return !CallsOf("kill", operation).empty(); }
 
 TEST_F(ProcessTest, ArgumentsAreSplitAtBlanksTabsAndLineFeeds) {
     const BasicString program = Program("arguments", "echo \"$0\"; for a; do printf '[%s]' \"$a\"; done");
@@ -123,6 +117,45 @@ TEST_F(ProcessTest, StartLeavesSignalsAndThreadsAsTheyAre) {
         isOver = true;
         other.join();
     }));
+}
+
+TEST_F(ProcessTest, ProcessCanBeEndedWhileItStartsAChild) {
+    Child child([this] {
+        // In a child that cannot get on.
+        const Interposition blocked("chdir", [parent = getpid()](const auto& /*arguments*/) {
+            kill(parent, SIGTERM);
+            WaitUntil([&] { return getppid() != parent; });
+            return -1;
+        });
+        Make()->Start("/", "/bin/true", "");
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 128 + SIGTERM);
+}
+
+// For a file without "#!", execvp copies the arguments for the shell.
+TEST_F(ProcessTest, ChildLeavesTheMemoryBelowTheStackAlone) {
+    constexpr std::size_t stackSize = 262144;
+    std::vector<char> memory(3 * stackSize, 'x');
+    std::function<void()> start = [this] {
+        BasicString parameters;
+        for (int i = 0; i < 60000; ++i) {
+            parameters += "x ";
+        }
+        EXPECT_EQ(ExitCodeOf(Executable("for-the-shell", "test $# = 60000"), parameters), 0);
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, memory.data() + 2 * stackSize, stackSize);
+    pthread_t thread{};
+    const auto run = [](void* function) -> void* {
+        (*static_cast<std::function<void()>*>(function))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, &start), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(std::count(memory.begin(), memory.begin() + 2 * stackSize, 'x'), 2 * stackSize);
 }
 
 TEST_F(ProcessTest, RelativePathsStartInTheWorkingDirectory) {

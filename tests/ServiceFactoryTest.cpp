@@ -219,6 +219,15 @@ TEST_F(ServiceFactoryTest, ReportsWhatIsAlive) {
     std::cout << std::dec;
 }
 
+TEST_F(ServiceFactoryTest, ReportOfAThreadThatIsToBeCancelledIsComplete) {
+    const auto mutex = Own(factory->CreateMutex(false));
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(HasNoCancellationPoint([this] { factory->PrintAllNotDestroyedServiceObjects(); }));
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("'Mutex' was not destroyed.\n"), std::string::npos);
+    EXPECT_TRUE(std::cout.good());
+    std::cout << std::dec;
+}
+
 TEST_F(ServiceFactoryTest, ReportEndsAtATypeWithoutName) {
     const TestService service(withoutName);
     const auto report = [this] { factory->PrintAllNotDestroyedServiceObjects(); };

@@ -12,6 +12,8 @@
 
 #include <map>
 
+#include <climits>
+
 namespace {
 
 using Type = ISocketService::SocketType;
@@ -389,6 +391,16 @@ TEST_F(SocketTest, SocketThatWasTakenOverHasNoDomain) {
         }
     }
     EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
+}
+
+TEST_F(SocketTest, NumberThatIsNoDescriptorIsRefused) {
+    for (int number : {-2, -111, INT_MIN, INT_MAX, 100000}) {
+        SCOPED_TRACE(number);
+        const Socket adopted = Own(factory->CreateSocket(&number));
+        EXPECT_EQ(Select(*adopted, SelectMode::Readable, withoutLimit), unclassified);
+        EXPECT_EQ(Select(*adopted, SelectMode::TimeoutOnly, 0), nothing);
+        EXPECT_EQ(Poll(*adopted, PollMode::Readable, withoutLimit), closed);
+    }
 }
 
 TEST_F(SocketTest, SocketThatCouldNotBeMadeFailsEverything) {

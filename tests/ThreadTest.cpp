@@ -1,5 +1,7 @@
 #include "support/Test.h"
 
+#include <ucontext.h>
+
 namespace {
 
 // Runs a std::function in a thread of the library.
@@ -126,6 +128,25 @@ TEST_F(ThreadTest, FailuresAreReported) {
         running->StartThread();
     };
     EXPECT_TRUE(ComesTo(startWithoutMemory, couldNot + "allocate semIsStartedPtr, linux error code: Success"));
+}
+
+TEST_F(ThreadTest, ShortageOfKeysIsNotRemembered) {
+    // The program is executed anew, for this process may have started threads.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto start = [this] {
+        std::vector<pthread_key_t> keys(1);
+        while (pthread_key_create(&keys.back(), nullptr) == 0) {
+            keys.emplace_back();
+        }
+        const auto thread = Make(nothing);
+        const testing::AssertionResult fails = ComesTo([&] { thread->StartThread(); },
+                                                       "VeException: StartThread: Could not create thread, linux error "
+                                                       "code: Resource temporarily unavailable");
+        pthread_key_delete(keys.front());
+        thread->StartThread();
+        _exit(fails ? 0 : 1);
+    };
+    EXPECT_EXIT(start(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(ThreadTest, ThreadThatCannotNameItselfIsGone) {
@@ -368,28 +389,11 @@ TEST_F(ThreadTest, IsCancelledWhereverItWaits) {
     sleeper->Join();
 }
 
-#ifndef __SANITIZE_THREAD__  // As above.
+#if !defined(__SANITIZE_THREAD__) && !defined(__arm__)  // As above; and ARM cannot unwind from everywhere.
 TEST_F(ThreadTest, CancellationAnywhereEndsWithTheFunction) {
-    std::unique_ptr<IThreadService> thread;
-    std::unique_ptr<Interposition> end;
-    std::function<void()> run = [&] {
-        // When the thread is about to say that it has ended.
-        end = std::make_unique<Interposition>(
-            "pthread_mutex_lock", [&, self = pthread_self(), isOnce = true](const auto& arguments) mutable {
-                if (pthread_equal(self, pthread_self()) != 0 && std::exchange(isOnce, false)) {
-                    thread->Cancel();
-                }
-                return end->CallThrough(arguments);
-            });
-        ThreadServiceBase::SetAsynchronousCancelability(true);
-    };
-    thread = Make(run);
-    thread->StartThread();
-    thread->Join();
-#ifndef __arm__  // It cannot unwind from everywhere.
     // From another thread, when the request is still on its way.
     static std::atomic<bool> ends{false};
-    const auto wait = [](void*) -> void* {
+    const auto wait = [](void* /*argument*/) -> void* {
         ThreadServiceBase::SetAsynchronousCancelability(true);
         while (!ends) {
             sched_yield();
@@ -398,13 +402,50 @@ TEST_F(ThreadTest, CancellationAnywhereEndsWithTheFunction) {
     };
     for (int i = 0; i < 1000; ++i) {
         ends = false;
-        thread.reset(factory->CreateThread(wait));
+        const auto thread = Own(factory->CreateThread(wait));
         thread->StartThread();
         ends = true;
         thread->Cancel();
         thread->Join();
     }
+}
 #endif
+
+#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
+std::atomic<int> instructionsLeft{0};
+std::atomic<bool> isTooLate{false};
+
+// Comes after each instruction of the thread, by the trap flag.
+void CountInstruction(int /*signal*/, siginfo_t* /*info*/, void* context) {
+    if (--instructionsLeft == 0) {
+        static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~0x100LL;
+        // Returns only if the thread may no longer be cancelled anywhere.
+        pthread_cancel(pthread_self());
+        isTooLate = true;
+    }
+}
+
+TEST_F(ThreadTest, MayBeCancelledAtEachInstructionAfterItsFunction) {
+    const auto function = [](void* /*argument*/) -> void* {
+        ThreadServiceBase::SetAsynchronousCancelability(true);
+        asm volatile("pushfq; orl $0x100, (%%rsp); popfq" ::: "memory", "cc");
+        return nullptr;
+    };
+    struct sigaction action {};
+    action.sa_sigaction = CountInstruction;
+    action.sa_flags = SA_SIGINFO;
+    int code = 0;
+    for (int i = 1; code == 0; ++i) {
+        code = Child([&] {
+                   instructionsLeft = i;
+                   sigaction(SIGTRAP, &action, nullptr);
+                   const auto thread = Own(factory->CreateThread(function));
+                   thread->StartThread();
+                   thread->Join();
+                   return isTooLate ? 1 : 0;
+               }).Wait();
+    }
+    EXPECT_EQ(code, 1);
 }
 #endif
 

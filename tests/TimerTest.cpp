@@ -313,7 +313,7 @@ TEST_F(TimerTest, StopAndDeletionMayBeCancelledWhileTheyWait) {
             called.Post();
             leave.Wait(0);
         };
-        auto timer = Make(0, handler);
+        auto timer = Make(oneHour, handler);
         timer->Start();
         called.Wait(0);
         std::atomic<bool> isDeleted{false};
