@@ -131,7 +131,8 @@ TEST_F(StackTraceTest, NamesEachAddressOnceUntilALibraryIsUnloaded) {
         return symbols.CallThrough(arguments);
     });
     BasicString traces[3];
-    for (int i = 0; i < 3; ++i) {
+    // Not to be unrolled: all three are of the same call.
+    for (volatile int i = 0; i < 3; i = i + 1) {
         named = i;
         traces[i] = TraceAtDepth(0);
         // The first and the third time.

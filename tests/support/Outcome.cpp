@@ -10,9 +10,37 @@ std::string Operation::Outcome() const {
     }
 }
 
+namespace {
+
+// Returns the function that the stack trace names first of the library's, if that is not the operation that the message
+// names, which has failed.
+std::string Misnamed(const VeException& exception) {
+    const BasicString& message = exception.GetMessage();
+    const std::string operation = message.substr(0, message.find(": "));
+    if (operation.find_first_of(" '") != std::string::npos) {
+        return "";
+    }
+    for (const char* const otherwise : {"WaitInfinite", "ChangeName", "ChangeCpuAffinity", "Close"}) {
+        if (operation == otherwise) {
+            return "";
+        }
+    }
+    const std::string ours = "   at: Kel::System::Ve::Internal::";
+    const BasicString& trace = exception.GetStackTrace();
+    const auto line = trace.find(ours);
+    const std::string function =
+        line == std::string::npos ? "" : trace.substr(line + ours.size(), trace.find('(', line) - line - ours.size());
+    return function.substr(function.rfind(':') + 1) == operation ? "" : " thrown in '" + function + "'";
+}
+
+}  // namespace
+
 std::string Operation::CurrentException() {
     try {
         throw;
+    } catch (const VeException& exception) {
+        const BasicString type = RuntimeTypeInfo::GetTypeName(typeid(exception));
+        return type.substr(type.rfind(':') + 1) + Misnamed(exception) + ": " + exception.GetMessage();
     } catch (const Exception& exception) {
         const BasicString type = RuntimeTypeInfo::GetTypeName(typeid(exception));
         return type.substr(type.rfind(':') + 1) + ": " + exception.GetMessage();
