@@ -13,8 +13,9 @@ std::string Operation::Outcome() const {
 namespace {
 
 // Returns the function that the stack trace names first of the library's, if that is not the operation that the message
-// names, which has failed.
-std::string Misnamed(const VeException& exception) {
+// names, which has failed. Without optimisation, helpers of the operation's come first.
+std::string Misnamed([[maybe_unused]] const VeException& exception) {
+#ifdef NDEBUG
     const BasicString& message = exception.GetMessage();
     const std::string operation = message.substr(0, message.find(": "));
     if (operation.find_first_of(" '") != std::string::npos) {
@@ -31,6 +32,9 @@ std::string Misnamed(const VeException& exception) {
     const std::string function =
         line == std::string::npos ? "" : trace.substr(line + ours.size(), trace.find('(', line) - line - ours.size());
     return function.substr(function.rfind(':') + 1) == operation ? "" : " thrown in '" + function + "'";
+#else
+    return "";
+#endif
 }
 
 }  // namespace
