@@ -144,6 +144,7 @@ TEST_F(ThreadTest, ShortageOfKeysIsNotRemembered) {
                                                        "code: Resource temporarily unavailable");
         pthread_key_delete(keys.front());
         thread->StartThread();
+        thread->Join();
         _exit(fails ? 0 : 1);
     };
     EXPECT_EXIT(start(), testing::ExitedWithCode(0), "");

@@ -8,8 +8,12 @@ namespace Kel::System::Ve {
 
 /// A thread that runs a function with one argument. Its settings are stored until it is started, applied at the start,
 /// and changed in the running thread when set later. What fails throws VeException; a setting that could not be changed
-/// keeps its stored value. Deleting the object waits until the thread has ended. Settings are not guarded against being
-/// set by several threads at once. Only Join is a cancellation point.
+/// keeps its stored value. The thread ends when its function returns, when it is cancelled, or by pthread_exit.
+/// Deleting the object waits until the thread has ended; a thread that deletes its own object is detached by that
+/// instead. So an object with static storage duration keeps the process from exiting while its thread runs: end the
+/// thread and delete the object before main returns. From the first start on, the object counts as two in the factory's
+/// statistics and report: itself and the semaphore of the start. Settings are not guarded against being set by several
+/// threads at once. Only Join is a cancellation point.
 class KEL_API IThreadService : public virtual IServiceObject {
 public:
     /// Starts the thread (pthread_create) and returns once it has named itself and is about to call the function. A

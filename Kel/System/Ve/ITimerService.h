@@ -6,12 +6,15 @@
 
 namespace Kel::System::Ve {
 
-/// Calls a handler with one argument periodically, on a thread of its own. The deadlines are the start plus whole
-/// periods on the monotonic clock, so the rhythm does not drift. A handler that takes longer than the period is called
-/// again at once until the missed calls are made up. What fails throws VeException; a setting that could not be changed
-/// keeps its stored value. An exception from the handler ends the process. Deleting the object stops the timer. Stop,
-/// and Start after the handler has stopped the timer, wait for the call that is in progress and are cancellation
-/// points.
+/// Calls a handler with one argument periodically, on a thread of its own, whose stack has the default size of the
+/// process (mostly 8 MB), which cannot be set here. The deadlines are the start plus whole periods on the monotonic
+/// clock, so the rhythm does not drift. A handler that takes longer than the period is called again at once until the
+/// missed calls are made up. Calls never overlap. What fails throws VeException; a setting that could not be changed
+/// keeps its stored value. An exception from the handler ends the process. Deleting the object stops the timer; the
+/// handler may do that, too, and is not called again. Any thread may call Start and Stop. They are cancellation points
+/// where they wait for the call in progress: Stop, and Start after the handler has stopped the timer, after a cancelled
+/// Stop or after a Start that has thrown. A timer counts as three objects in the factory's statistics and report:
+/// itself, a mutex and a condition variable.
 class KEL_API ITimerService : public virtual IServiceObject {
 public:
     /// Returns the period in microseconds.
@@ -50,13 +53,16 @@ public:
     virtual unsigned int GetMaxNameLength() const = 0;
 
     /// Starts the timer; the handler is first called at once. A real-time priority needs the right to it; without, this
-    /// throws. When only the name or the processors could not be set, the timer runs all the same, until it is started
-    /// again or deleted. Throws when the timer has been started already, and when called by its own handler.
+    /// throws, and nothing has been started. Throws also when the timer has been started already, and when called by
+    /// its own handler. When it throws because the name or the processors could not be set, the handler is called all
+    /// the same, but the timer is not started: Stop does nothing; another Start, or deleting the object, ends these
+    /// calls.
     virtual void Start() = 0;
 
-    /// Stops the timer: returns when the handler call in progress has ended, and no other follows. When the timer is
-    /// not started it does nothing but wait for a call that has stopped it itself; so it does not stop one whose Start
-    /// has thrown. Called by the handler it returns at once, and the handler is not called again.
+    /// Stops the timer: waits until the handler call in progress has returned; no other follows. Does nothing when the
+    /// timer is not started, except that it waits for a call that has itself called Stop. Called by the handler, it
+    /// returns at once. When the caller is cancelled meanwhile, the timer is stopped all the same and can be started
+    /// again.
     virtual void Stop() = 0;
 };
 
