@@ -27,13 +27,13 @@ using Exceptions::VeException;
 //
 //   Start       Stopped -> Started, or StartFailed when it throws after the thread has been created
 //               StartFailed -> Ending, and Ending -> Ending: waits until the thread is joined, and looks again
-//               Started, Stopping: refused; so is the handler of the timer in all states
+//               Started, Stopping: refused, and so is the handler in all states
 //   Stop        Started -> Stopping, and Stopping, Ending: waits until the thread is joined
-//               Started -> Ending when called by the handler, which cannot wait for itself
+//               Started -> Ending when called by the handler, which waits in no state: it would wait for itself
 //               Stopped, StartFailed: does nothing
 //   deletion    any -> Ending: waits until the thread is joined, or detaches it when called by the handler
 //   joined      Stopping, Ending -> Stopped
-//   cancelled   Stopping -> Ending, when a Stop does not come to its end
+//   cancelled   Stopping -> Ending, when a Stop is cancelled while it waits
 //
 // As long as there is a thread that has not been joined, no other is created.
 
@@ -48,7 +48,7 @@ struct TimerService::Launch {
 
 namespace {
 
-// Lets go of a mutex while it lives.
+// Releases a mutex while it lives.
 class MutexRelease {
 public:
     explicit MutexRelease(MutexService& held) : mutex(held) { mutex.Unlock(); }
@@ -60,7 +60,7 @@ private:
     MutexService& mutex;
 };
 
-// The results are not looked at: what does not come through shows when the thread is created.
+// The results are not checked: what does not come through shows when the thread is created.
 void SetAttributes(pthread_attr_t& attributes, unsigned int priority) {
     sched_param parameters{};
     pthread_attr_init(&attributes);
@@ -134,7 +134,7 @@ void TimerService::RequestEnd() {
     conditionVariable.NotifyOne();
 }
 
-// Lets go of the mutex while it waits; holds it again when it returns or is cancelled.
+// Releases the mutex while it waits; holds it again when it returns or is cancelled.
 void TimerService::WaitForEnd() {
     const std::shared_ptr<Launch> ending = launch;
     // Another thread that waits may have been faster, and even have started the timer again.
@@ -171,7 +171,7 @@ void TimerService::Start() {
     CheckReturnedCode(created->thread->Create(attributes, &TimerThreadRun, this),
                       "{0}: Could not create posix-thread for timer, linux error code: {1}");
     launch = std::move(created);
-    // Unless all else succeeds.
+    // Until all else has succeeded.
     Enter(State::StartFailed);
     pthread_attr_destroy(&attributes);
     SetThreadName(*launch->thread, GetName());
