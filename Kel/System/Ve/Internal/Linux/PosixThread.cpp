@@ -138,7 +138,8 @@ void PosixThread::FinishJoin(State next) noexcept {
     pthread_cond_broadcast(&changed);
 }
 
-void PosixThread::Detach() {
+// Lets nothing out: a start that detaches the thread before has made another that it must wait for.
+void PosixThread::Detach() noexcept {
     const MutexGuard guard(lock);
     if (state == State::Running || state == State::Returned || state == State::Cancelled) {
         pthread_detach(handle);

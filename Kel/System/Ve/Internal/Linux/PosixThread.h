@@ -34,7 +34,7 @@ public:
     int Join();
 
     /// Leaves the thread to itself (pthread_detach): nobody waits for it any more, and those who do fail with ESRCH.
-    void Detach();
+    void Detach() noexcept;
 
     /// Requests the thread's cancellation (pthread_cancel). Does nothing when it has ended but has not been joined.
     int Cancel();
