@@ -5,7 +5,7 @@
 namespace {
 
 constexpr char noAppDomain[] = "Exception: Singleton instance of type 'Kel::AppDomain' was not created yet!";
-const std::string ofFactory = "of type 'Kel::System::Ve::Internal::ServiceFactory' ";
+constexpr char ofFactory[] = "of type 'Kel::System::Ve::Internal::ServiceFactory' ";
 constexpr auto withoutName = static_cast<ServiceType>(18);
 
 class TestService : public ServiceObjectBase {
@@ -44,10 +44,11 @@ TEST(NoAppDomainTest, NothingCanBeMade) {
 TEST_F(NoFactoryTest, FactoryIsMadeOnceUntilItIsDisposed) {
     for (int i = 0; i < 2; ++i) {
         ServiceFactory::DisposeServiceFactory();
-        EXPECT_TRUE(ComesTo(&Make, "Exception: AppDomain Singleton instance " + ofFactory + "was not created yet!"));
+        EXPECT_TRUE(ComesTo(
+            &Make, std::string("Exception: AppDomain Singleton instance ") + ofFactory + "was not created yet!"));
         ServiceFactory::CreateServiceFactory();
         EXPECT_TRUE(ComesTo(&ServiceFactory::CreateServiceFactory,
-                            "Exception: AppDomain Singleton instance " + ofFactory + "was created yet!"));
+                            std::string("Exception: AppDomain Singleton instance ") + ofFactory + "was created yet!"));
         Make();
     }
     EXPECT_EQ(OutputOf(&ServiceFactory::DisposeServiceFactory), "");
@@ -59,7 +60,7 @@ TEST_F(NoFactoryTest, SecondFactoryAtTheSameTimeIsRefused) {
         appDomain.Add(typeid(ServiceFactory), nullptr);
         const long before = LiveAllocations();
         EXPECT_TRUE(ComesTo(&ServiceFactory::CreateServiceFactory,
-                            "Exception: AppDomain Singleton " + ofFactory + "has been added yet"));
+                            std::string("Exception: AppDomain Singleton ") + ofFactory + "has been added yet"));
         EXPECT_GT(LiveAllocations(), before);
     }));
 }
@@ -239,10 +240,10 @@ TEST_F(ServiceFactoryTest, ReportEndsAtATypeWithoutName) {
 // As in a handler that the host has registered before anything else was made.
 TEST_F(NoFactoryTest, LivingObjectsAreReportedAtTheVeryEndOfTheProcess) {
     Child child([]() -> int {
-        std::atexit([] {
+        static_cast<void>(std::atexit([] {
             const std::string report = OutputOf(&ServiceFactory::DisposeServiceFactory);
             _exit(report.find(" of type 'Mutex' was not destroyed.") != std::string::npos ? 0 : 1);
-        });
+        }));
         ServiceFactory::CreateServiceFactory();
         ServiceFactory::GetInstance()->CreateMutex(false);
         std::ostringstream() << ServiceType::Mutex;

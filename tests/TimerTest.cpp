@@ -306,41 +306,48 @@ TEST_F(TimerTest, StartsAtTheSameTimeLeaveNoTwoThreads) {
     }
 }
 
-TEST_F(TimerTest, StopAndDeletionMayBeCancelledWhileTheyWait) {
-    for (const bool deletes : {false, true}) {
-        SemaphoreService leave(0);
-        std::function<void()> handler = [&] {
-            called.Post();
-            leave.Wait(0);
-        };
-        auto timer = Make(oneHour, handler);
-        timer->Start();
-        called.Wait(0);
-        std::atomic<bool> isDeleted{false};
-        std::thread stopper = Sleeping([&] {
-            if (deletes) {
-                timer.reset();
-                isDeleted = true;
-                pthread_testcancel();
-            }
-            timer->Stop();
-        });
-        pthread_cancel(stopper.native_handle());
-        if (!deletes) {
-            stopper.join();
-        }
-        leave.Post();
-        if (deletes) {
-            stopper.join();
-            EXPECT_TRUE(isDeleted);
-        } else {
-            timer->Start();
-            leave.Post();
-            timer->Stop();
-        }
-        while (called.TryWait()) {
-        }
-    }
+TEST_F(TimerTest, CanBeStartedAfterACancelledStop) {
+    SemaphoreService leave(0);
+    std::function<void()> handler = [&] {
+        called.Post();
+        leave.Wait(0);
+    };
+    const auto timer = Make(oneHour, handler);
+    const auto stop = [](void* stopped) -> void* {
+        static_cast<ITimerService*>(stopped)->Stop();
+        return nullptr;
+    };
+    const auto stopper = Own(factory->CreateThread(stop, timer.get()));
+    timer->Start();
+    called.Wait(0);
+    stopper->StartThread();
+    stopper->Cancel();
+    stopper->Join();
+    leave.Post();
+    timer->Start();
+    called.Wait(0);
+    leave.Post();
+}
+
+TEST_F(TimerTest, DeletionIsNotCancelledWhileItWaits) {
+    SemaphoreService leave(0);
+    std::function<void()> handler = [&] {
+        called.Post();
+        leave.Wait(0);
+    };
+    auto timer = Make(oneHour, handler);
+    timer->Start();
+    called.Wait(0);
+    bool isDeleted = false;
+    std::thread deleter = Sleeping([&] {
+        timer.reset();
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        isDeleted = true;
+    });
+    pthread_cancel(deleter.native_handle());
+    leave.Post();
+    deleter.join();
+    EXPECT_TRUE(isDeleted);
 }
 
 TEST_F(TimerTest, ExceptionOfTheHandlerEndsTheProcess) {

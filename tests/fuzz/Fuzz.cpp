@@ -32,6 +32,7 @@ ServiceFactory& Factory() {
 
 // What the fuzzer calls. The environment names the target.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread.
     static const auto target = Target::All().at(std::getenv("KEL_FUZZ_TARGET"));
     std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
     target(input);

@@ -17,7 +17,9 @@ static auto MakeSocket() {
 static const Target target("Names", [](std::istream& input) {
     std::string names[2];
     std::getline(std::getline(input, names[0]), names[1]);
-    const auto effective = [](const std::string& name) { return std::string(name.c_str()).substr(0, 106); };
+    // A null ends a name.
+    const auto upToNull = [](const std::string& name) { return name.substr(0, name.find('\0')); };
+    const auto effective = [&](const std::string& name) { return upToNull(name).substr(0, 106); };
     const auto bound = MakeSocket();
     const bool isBound = bound->Bind(names[0]) == 0;
     const bool isConnected = MakeSocket()->Connect(names[1]) == 0;
@@ -26,7 +28,7 @@ static const Target target("Names", [](std::istream& input) {
     std::string place(names[1].size() % 128, 'x');
     std::string expected = place;
     if (place.size() > 2) {
-        std::string text = names[0].c_str();
+        std::string text = upToNull(names[0]);
         text.resize(place.size() - 2);
         expected.replace(1, text.size(), text);
     }
