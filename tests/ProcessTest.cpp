@@ -133,6 +133,7 @@ TEST_F(ProcessTest, ProcessCanBeEndedWhileItStartsAChild) {
     EXPECT_EQ(child.Wait(), 128 + SIGTERM);
 }
 
+#ifndef __SANITIZE_THREAD__  // It needs larger stacks.
 // For a file without "#!", execvp copies the arguments for the shell.
 TEST_F(ProcessTest, ChildLeavesTheMemoryBelowTheStackAlone) {
     constexpr std::size_t stackSize = 262144;
@@ -157,6 +158,7 @@ TEST_F(ProcessTest, ChildLeavesTheMemoryBelowTheStackAlone) {
     pthread_attr_destroy(&attributes);
     EXPECT_EQ(std::count(memory.begin(), memory.begin() + 2 * stackSize, 'x'), 2 * stackSize);
 }
+#endif
 
 TEST_F(ProcessTest, RelativePathsStartInTheWorkingDirectory) {
     EXPECT_TRUE(SucceedsInChild([this] {

@@ -151,9 +151,11 @@ TEST_F(ServiceFactoryTest, FailuresAreReported) {
             {"pthread_rwlock_init", [] { AppDomain(); }, domain},
             {"pthread_rwlock_wrlock", [&] { appDomain.Add(typeid(int), nullptr); }, domain},
             {"pthread_rwlock_rdlock", &Make, domain},
+#ifndef __SANITIZE_THREAD__  // With its instructions in the destructor, the exception is gone by then.
             {"pthread_rwlock_rdlock", &Make, "ends the process: " + domain, 1},
             {"pthread_mutex_trylock", &Make, "ends the process: " + lock, 2},
             {"pthread_mutex_unlock", &Make, "ends the process: " + unlock, 2},
+#endif
             {"pthread_mutex_trylock", &Make, lock},
             {"pthread_mutex_trylock", &Make, lock, 1},
             {"pthread_mutex_unlock", &Make, unlock},

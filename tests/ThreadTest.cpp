@@ -312,7 +312,7 @@ TEST_F(ThreadTest, InterruptionsEndNeitherASleepNorAStart) {
     }
     {
         const Interposition slept("nanosleep", [](const auto& arguments) {
-            EXPECT_EQ(reinterpret_cast<const timespec*>(arguments[0])->tv_sec, 4294967);
+            EXPECT_EQ(Interposition::Pointer<const timespec>(arguments[0])->tv_sec, 4294967);
             return 0;
         });
         ThreadServiceBase::Sleep(4294967295U);

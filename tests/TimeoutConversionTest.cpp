@@ -21,7 +21,7 @@ TEST(TimeoutConversionTest, AddsMillisecondsToTheClockAskedFor) {
     for (const auto& row : table) {
         const Interposition stoppedClock("clock_gettime", [&](const Interposition::Arguments& arguments) {
             EXPECT_EQ(arguments[0], row.clock);
-            *reinterpret_cast<timespec*>(arguments[1]) = row.now;
+            *Interposition::Pointer<timespec>(arguments[1]) = row.now;
             return 0;
         });
         timespec deadline;

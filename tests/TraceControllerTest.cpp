@@ -38,7 +38,7 @@ Interposition Sessions(const std::vector<lttng_session>& sessions) {
                 auto* const records =
                     static_cast<lttng_session*>(std::calloc(sessions.size() + 1, sizeof(lttng_session)));
                 std::copy(sessions.begin(), sessions.end(), records);
-                *reinterpret_cast<lttng_session**>(arguments[0]) = records;
+                *Interposition::Pointer<lttng_session*>(arguments[0]) = records;
                 return static_cast<std::intptr_t>(sessions.size());
             }};
 }

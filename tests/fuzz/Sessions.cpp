@@ -31,7 +31,7 @@ static const Target target("Sessions", [](std::istream& input) {
     const Interposition daemon("lttng_list_sessions", [&](const Interposition::Arguments& arguments) {
         auto* const list = static_cast<lttng_session*>(std::calloc(sessions.size() + 1, sizeof(lttng_session)));
         std::copy(sessions.begin(), sessions.end(), list);
-        *reinterpret_cast<lttng_session**>(arguments[0]) = list;
+        *Interposition::Pointer<lttng_session*>(arguments[0]) = list;
         return static_cast<std::intptr_t>(sessions.size());
     });
     const auto controller = Kel::System::Ve::Adapters::Own(Factory().CreateTraceController());

@@ -63,7 +63,9 @@ struct LastWords {
 SharedObject<LastWords>* lastWords = nullptr;
 
 [[noreturn]] void TellAndEnd() {
-    Operation::CurrentException().copy((*lastWords)->text, sizeof LastWords::text - 1);
+    if (std::current_exception() != nullptr) {
+        Operation::CurrentException().copy((*lastWords)->text, sizeof LastWords::text - 1);
+    }
     EndChild(EXIT_SUCCESS);
 }
 
