@@ -83,6 +83,9 @@ void AdaptersTest::ExpectTimeouts(View& view) {
         expectFailure(system_clock::now() + exact, past);
         expectFailure(hours::min(), past);
         expectFailure(duration<double>(std::numeric_limits<double>::quiet_NaN()), past);
+        expectFailure(
+            time_point<steady_clock, duration<double>>(duration<double>(std::numeric_limits<double>::quiet_NaN())),
+            past);
         expectFailure(steady_clock::time_point::min(), past);
         expectFailure(time_point<steady_clock, duration<std::uint64_t, std::nano>>(deadline), past);
     }).join();

@@ -35,7 +35,7 @@ unsigned int MillisecondsUntil(const std::chrono::time_point<Clock, Duration>& d
     const std::chrono::duration<double> roughly =
         std::chrono::duration<double>(deadline.time_since_epoch()) - std::chrono::duration<double>(now);
     // What is not a number has passed, too.
-    if (!(roughly >= std::chrono::seconds(-1))) {
+    if (!(roughly.count() >= -1)) {
         return 0;
     }
     if (roughly >= longest) {
