@@ -22,7 +22,7 @@ using Kel::System::Ve::Internal::Linux::SignalHandlerService;
 
 bool CatchesByType() {
     try {
-        Own(ServiceFactory::GetInstance()->CreateMutex(false))->Unlock();
+        Own(ServiceFactory::GetInstance()->CreateMessageQueue("/no-such-queue", true));
     } catch (const VeException&) {
         return true;
     }
