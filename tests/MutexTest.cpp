@@ -12,18 +12,14 @@ TEST_F(MutexTest, ExcludesOtherThreadsUntilUnlockedAsOftenAsLocked) {
         EXPECT_EQ(mutex->TryLock(), isRecursive);
         EXPECT_EQ(mutex->TimedLock(0), isRecursive ? 0 : -1);
         for (int i = isRecursive ? 3 : 1; i > 0; --i) {
-            std::thread([&] {
-                EXPECT_FALSE(mutex->TryLock());
-                EXPECT_EQ(mutex->TimedLock(1), -1);
-            }).join();
+            std::thread([&] { EXPECT_FALSE(mutex->TryLock()); }).join();
             mutex->Unlock();
         }
-        EXPECT_TRUE(mutex->TryLock());
-        mutex->Unlock();
+        std::thread([&] { const MutexGuard guard(*mutex); }).join();
     }
 }
 
-TEST_F(MutexTest, IsMadeForItsUsers) {
+TEST_F(MutexTest, IsMadeForItsUsersAndDestroyedOnceIfItWasMade) {
     const auto setting = [](const char* function, const std::function<void()>& make) {
         return static_cast<int>(CallsOf(function, make).at(0)[1]);
     };
@@ -36,14 +32,12 @@ TEST_F(MutexTest, IsMadeForItsUsers) {
     EXPECT_EQ(setting("pthread_mutexattr_setpshared", makeIpc), PTHREAD_PROCESS_SHARED);
     EXPECT_EQ(setting("pthread_mutexattr_settype", makeIpc), PTHREAD_MUTEX_RECURSIVE);
     EXPECT_TRUE(CallsOf("pthread_mutexattr_setrobust", make).empty());
-}
 
-TEST_F(MutexTest, IsDestroyedOnceIfItWasMade) {
-    EXPECT_TRUE(CallsOf("pthread_mutex_destroy", [] { const MutexService notMade; }).empty());
     const auto makeAndDestroy = [] {
-        MutexService mutex;
-        mutex.Init(false, MutexService::ProcessPrivate);
-        mutex.Destroy();
+        const MutexService notMade;
+        MutexService made;
+        made.Init(false, MutexService::ProcessPrivate);
+        made.Destroy();
     };
     EXPECT_EQ(CallsOf("pthread_mutex_destroy", makeAndDestroy).size(), 1U);
 }
@@ -82,38 +76,34 @@ TEST_F(MutexTest, FailuresAreReported) {
         locked->Lock();
         locked->TimedLock(1);
     };
+    const std::string invalid = ": Invalid argument";
+    const std::string init = "VeException: Init: ";
+    const std::string trylock = "VeException: TryLock: Mutex could not be trylocked: ";
+    const std::string timedLock = "VeException: TimedLock: Mutex could not be timelocked: ";
     // Of TryLock and TimedLock, the text is that of errno.
     ExpectFailures({
-        {"pthread_mutexattr_init", create, "VeException: Init: Could not initialize mutex attribute: Invalid argument"},
-        {"pthread_mutexattr_settype", create, "VeException: Init: Could not set the mutex type: Invalid argument"},
-        {"pthread_mutexattr_setpshared", create,
-         "VeException: Init: Could not set shared-flag on mutex attribute: Invalid argument"},
+        {"pthread_mutexattr_init", create, init + "Could not initialize mutex attribute" + invalid},
+        {"pthread_mutexattr_settype", create, init + "Could not set the mutex type" + invalid},
+        {"pthread_mutexattr_setpshared", create, init + "Could not set shared-flag on mutex attribute" + invalid},
         {"pthread_mutexattr_setprotocol", create,
-         "VeException: Init: Could not update the protocol information for the mutex: Invalid argument"},
-        {"pthread_mutex_init", create, "VeException: Init: Mutex could not be initiated: Invalid argument"},
-        {"pthread_mutexattr_setrobust", [&] { ipcMutex.Init(false); },
-         "VeException: Init: Mutex could not be initiated: Invalid argument"},
-        {"pthread_mutex_lock", [&] { mutex->Lock(); },
-         "VeException: Lock: Mutex could not be locked: Invalid argument"},
-        {"pthread_mutex_unlock", [&] { held->Unlock(); },
-         "VeException: Unlock: Mutex could not be unlocked: Invalid argument"},
-        {"pthread_mutex_trylock", [&] { mutex->TryLock(); },
-         "VeException: TryLock: Mutex could not be trylocked: Permission denied"},
-        {"pthread_mutex_trylock", [&] { mutex->TimedLock(1); },
-         "VeException: TimedLock: Mutex could not be timelocked: Permission denied"},
-        {"pthread_mutex_timedlock", [&] { held->TimedLock(1); },
-         "VeException: TimedLock: Mutex could not be timelocked: Permission denied"},
+         init + "Could not update the protocol information for the mutex" + invalid},
+        {"pthread_mutex_init", create, init + "Mutex could not be initiated" + invalid},
+        {"pthread_mutexattr_setrobust", [&] { ipcMutex.Init(false); }, init + "Mutex could not be initiated" + invalid},
+        {"pthread_mutex_lock", [&] { mutex->Lock(); }, "VeException: Lock: Mutex could not be locked" + invalid},
+        {"pthread_mutex_unlock", [&] { held->Unlock(); }, "VeException: Unlock: Mutex could not be unlocked" + invalid},
+        {"pthread_mutex_trylock", [&] { mutex->TryLock(); }, trylock + "Permission denied"},
+        {"pthread_mutex_trylock", [&] { mutex->TimedLock(1); }, timedLock + "Permission denied"},
+        {"pthread_mutex_timedlock", [&] { held->TimedLock(1); }, timedLock + "Permission denied"},
         // Whose holder has died is unlocked: or else its end would end the process.
-        {"pthread_mutex_timedlock", lockTwice, "VeException: TimedLock: Mutex could not be timelocked: Owner died", 0,
-         EOWNERDEAD},
+        {"pthread_mutex_timedlock", lockTwice, timedLock + "Owner died", 0, EOWNERDEAD},
         {"clock_gettime", [&] { held->TimedLock(1); }, "VeException: Could not compute timeout."},
         {"pthread_mutexattr_gettype", [&] { mutex->IsRecursive(); },
-         "VeException: IsRecursive: Could not query mutex type: Invalid argument"},
+         "VeException: IsRecursive: Could not query mutex type" + invalid},
         // The attribute is destroyed first: nobody has asked yet whether the mutex is held.
         {"pthread_mutexattr_destroy", deleteLocked,
-         "ends the process: VeException: Destroy: Could not destroy mutex attribute: Invalid argument"},
+         "ends the process: VeException: Destroy: Could not destroy mutex attribute" + invalid},
         {"pthread_mutex_destroy", create,
-         "ends the process: VeException: Destroy: Mutex could not be destroyed: Invalid argument"},
+         "ends the process: VeException: Destroy: Mutex could not be destroyed" + invalid},
     });
     held->Unlock();
 }

@@ -8,62 +8,59 @@ protected:
 };
 
 TEST_F(RWLockTest, IsHeldByManyReadersOrOneWriter) {
-    const std::pair<std::string, std::function<void()>> table[] = {
-        {"shared", [&] { lock.AcquireReadLock(); }},
-        {"shared", [&] { EXPECT_TRUE(lock.TryAcquireReadLock()); }},
-        {"shared", [&] { EXPECT_TRUE(lock.TimedAcquireReadLock(0)); }},
-        {"exclusive", [&] { lock.AcquireWriteLock(); }},
-        {"exclusive", [&] { EXPECT_TRUE(lock.TryAcquireWriteLock()); }},
-        {"exclusive", [&] { EXPECT_TRUE(lock.TimedAcquireWriteLock(0)); }},
+    const std::pair<bool, std::function<void()>> table[] = {
+        {true, [&] { lock.AcquireReadLock(); }},
+        {true, [&] { EXPECT_TRUE(lock.TryAcquireReadLock()); }},
+        {true, [&] { EXPECT_TRUE(lock.TimedAcquireReadLock(0)); }},
+        {false, [&] { lock.AcquireWriteLock(); }},
+        {false, [&] { EXPECT_TRUE(lock.TryAcquireWriteLock()); }},
+        {false, [&] { EXPECT_TRUE(lock.TimedAcquireWriteLock(0)); }},
     };
-    for (const auto& [mode, acquire] : table) {
+    for (const auto& [isShared, acquire] : table) {
         acquire();
-        std::thread([&, isShared = mode == "shared"] {
+        std::thread([&, isShared = isShared] {
             EXPECT_FALSE(lock.TryAcquireWriteLock());
             EXPECT_FALSE(lock.TimedAcquireWriteLock(1));
-            EXPECT_EQ(lock.TimedAcquireReadLock(1), isShared);
-            EXPECT_EQ(lock.TryAcquireReadLock(), isShared);
-            if (isShared) {
-                lock.ReleaseReadLock();
-                lock.ReleaseReadLock();
+            for (const bool acquired : {lock.TimedAcquireReadLock(1), lock.TryAcquireReadLock()}) {
+                EXPECT_EQ(acquired, isShared);
+                if (acquired) {
+                    lock.ReleaseReadLock();
+                }
             }
         }).join();
         lock.ReleaseWriteLock();
     }
 }
 
-TEST_F(RWLockTest, IsDestroyedOnce) {
-    EXPECT_EQ(CallsOf("pthread_rwlock_destroy", [] { RWLockService().Destroy(); }).size(), 1U);
-}
-
 TEST_F(RWLockTest, FailuresAreReported) {
-    RWLockService held;
-    held.AcquireWriteLock();
-    const std::string read = "VeException: Could not acquire read-lock. Error Invalid argument (22).";
-    const std::string write = "VeException: Could not acquire write-lock. Error Invalid argument (22).";
-    const std::string timedRead = "VeException: TimedAcquireReadLock: Mutex could not be timelocked: Permission denied";
-    const std::string timedWrite =
-        "VeException: TimedAcquireWriteLock: Mutex could not be timelocked: Permission denied";
+    lock.AcquireWriteLock();
+    RWLockService ended;
+    const std::string invalid = " Error Invalid argument (22).";
+    const std::string read = "VeException: Could not acquire read-lock." + invalid;
+    const std::string write = "VeException: Could not acquire write-lock." + invalid;
+    const std::string timed = ": Mutex could not be timelocked: Permission denied";
+    const std::string timedRead = "VeException: TimedAcquireReadLock" + timed;
+    const std::string timedWrite = "VeException: TimedAcquireWriteLock" + timed;
     // Of the timed operations, the text is that of errno.
     ExpectFailures({
         {"pthread_rwlock_init", [&] { return factory->CreateRWLock(); },
-         "VeException: Could not initialize rw-lock. Error Invalid argument (22)."},
+         "VeException: Could not initialize rw-lock." + invalid},
         {"pthread_rwlock_rdlock", [&] { lock.AcquireReadLock(); }, read},
         {"pthread_rwlock_tryrdlock", [&] { lock.TryAcquireReadLock(); }, read},
         {"pthread_rwlock_wrlock", [&] { lock.AcquireWriteLock(); }, write},
         {"pthread_rwlock_trywrlock", [&] { lock.TryAcquireWriteLock(); }, write},
         {"pthread_rwlock_tryrdlock", [&] { lock.TimedAcquireReadLock(1); }, timedRead},
-        {"pthread_rwlock_timedrdlock", [&] { held.TimedAcquireReadLock(1); }, timedRead},
+        {"pthread_rwlock_timedrdlock", [&] { lock.TimedAcquireReadLock(1); }, timedRead},
         {"pthread_rwlock_trywrlock", [&] { lock.TimedAcquireWriteLock(1); }, timedWrite},
-        {"pthread_rwlock_timedwrlock", [&] { held.TimedAcquireWriteLock(1); }, timedWrite},
-        {"pthread_rwlock_unlock", [&] { held.Unlock(); },
-         "VeException: Could not unlock read-write-lock. Error Invalid argument (22)."},
-        {"pthread_rwlock_destroy", [&] { lock.Destroy(); },
-         "VeException: Could not destroy rw-lock. Error Invalid argument (22)."},
-        {"pthread_rwlock_destroy", [&] { const RWLockService ended; },
-         "ends the process: VeException: Could not destroy rw-lock. Error Invalid argument (22)."},
+        {"pthread_rwlock_timedwrlock", [&] { lock.TimedAcquireWriteLock(1); }, timedWrite},
+        {"pthread_rwlock_unlock", [&] { lock.Unlock(); }, "VeException: Could not unlock read-write-lock." + invalid},
+        {"pthread_rwlock_destroy", [&] { ended.Destroy(); }, "VeException: Could not destroy rw-lock." + invalid},
+        {"pthread_rwlock_destroy", [&] { const RWLockService deleted; },
+         "ends the process: VeException: Could not destroy rw-lock." + invalid},
     });
-    held.Unlock();
+    lock.Unlock();
+    EXPECT_EQ(CallsOf("pthread_rwlock_destroy", [&] { ended.Destroy(); }).size(), 1U);
+    EXPECT_TRUE(CallsOf("pthread_rwlock_destroy", [&] { ended.Destroy(); }).empty());
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
@@ -44,45 +43,28 @@ bool IsNameOf(const std::string& symbol, const std::string& function) {
            symbol == "__" + function + "_time64";
 }
 
-// The places where a module keeps the address of a function that it calls.
+// The places where the library keeps the address of a function that it calls.
 template <typename Function>
-std::vector<Function*> EntriesOf(const dl_phdr_info& module, const char* function) {
-    const auto* const header = std::find_if(module.dlpi_phdr, module.dlpi_phdr + module.dlpi_phnum,
-                                            [](const ElfW(Phdr) & entry) { return entry.p_type == PT_DYNAMIC; });
-    const auto* const dynamic = reinterpret_cast<const ElfW(Dyn)*>(module.dlpi_addr + header->p_vaddr);
-    const auto* const symbols = reinterpret_cast<const ElfW(Sym)*>(Find(dynamic, DT_SYMTAB));
-    const auto* const names = reinterpret_cast<const char*>(Find(dynamic, DT_STRTAB));
+std::vector<Function*> FindEntries(const char* function) {
+    const link_map* library = _r_debug.r_map;
+    while (std::string_view(library->l_name).find("/libKel.System.Ve.so") == std::string_view::npos) {
+        library = library->l_next;
+    }
+    const auto* const symbols = reinterpret_cast<const ElfW(Sym)*>(Find(library->l_ld, DT_SYMTAB));
+    const auto* const names = reinterpret_cast<const char*>(Find(library->l_ld, DT_STRTAB));
     std::vector<Function*> entries;
     for (const auto& [table, size] : relocationTables) {
-        const auto* const first = reinterpret_cast<const Relocation*>(Find(dynamic, table));
-        for (const auto* entry = first; entry != first + Find(dynamic, size) / sizeof *first; ++entry) {
+        const auto* const first = reinterpret_cast<const Relocation*>(Find(library->l_ld, table));
+        for (const auto* entry = first; entry != first + Find(library->l_ld, size) / sizeof *first; ++entry) {
             if (SymbolOf(*entry) != 0 && IsNameOf(names + symbols[SymbolOf(*entry)].st_name, function)) {
-                entries.push_back(reinterpret_cast<Function*>(module.dlpi_addr + entry->r_offset));
+                entries.push_back(reinterpret_cast<Function*>(library->l_addr + entry->r_offset));
             }
         }
     }
-    return entries;
-}
-
-template <typename Function>
-std::vector<Function*> FindEntries(const char* function) {
-    struct Search {
-        const char* function;
-        std::vector<Function*> entries;
-    } search{function, {}};
-    const auto searchModule = [](dl_phdr_info* module, std::size_t /*size*/, void* argument) {
-        if (std::string_view(module->dlpi_name).find("/libKel.System.Ve.so") == std::string_view::npos) {
-            return 0;
-        }
-        auto& wanted = *static_cast<Search*>(argument);
-        wanted.entries = EntriesOf<Function>(*module, wanted.function);
-        return 1;
-    };
-    dl_iterate_phdr(searchModule, &search);
-    if (search.entries.empty()) {
+    if (entries.empty()) {
         throw std::logic_error(std::string("the library does not call ") + function);
     }
-    return search.entries;
+    return entries;
 }
 
 }  // namespace

@@ -33,9 +33,7 @@ private:
             return "done";
         } else if constexpr (std::is_same_v<Result, bool>) {
             return function() ? "true" : "false";
-        } else if constexpr (std::is_arithmetic_v<Result>) {
-            return std::to_string(function());
-        } else if constexpr (std::is_enum_v<Result>) {
+        } else if constexpr (std::is_arithmetic_v<Result> || std::is_enum_v<Result>) {
             return std::to_string(static_cast<long>(function()));
         } else if constexpr (std::is_pointer_v<Result>) {
             const std::unique_ptr<const Kel::System::Ve::IServiceObject> made(function());

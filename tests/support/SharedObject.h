@@ -2,23 +2,16 @@
 
 #include <sys/mman.h>
 
-#include <cerrno>
 #include <new>
-#include <system_error>
 
 /// A `T` in memory that this process shares with the children it starts.
 template <typename T>
 class SharedObject {
 public:
-    SharedObject() : memory(mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
-        if (memory == MAP_FAILED) {
-            throw std::system_error(errno, std::generic_category(), "mmap");
-        }
-        object = new (memory) T();
-    }
+    SharedObject() = default;
     ~SharedObject() {
         object->~T();
-        munmap(memory, sizeof(T));
+        munmap(object, sizeof(T));
     }
 
     SharedObject(const SharedObject&) = delete;
@@ -28,6 +21,5 @@ public:
     T& operator*() const { return *object; }
 
 private:
-    void* memory;
-    T* object;
+    T* const object = new (mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) T();
 };

@@ -1,21 +1,15 @@
 #pragma once
 
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <system_error>
 
 /// A folder that is removed at the end, with all that is in it.
 class TemporaryFolder {
 public:
-    TemporaryFolder() {
-        if (mkdtemp(path.data()) == nullptr) {
-            throw std::system_error(errno, std::generic_category(), "mkdtemp");
-        }
-    }
+    TemporaryFolder() = default;
     ~TemporaryFolder() { std::filesystem::remove_all(path); }
 
     TemporaryFolder(const TemporaryFolder&) = delete;
@@ -37,5 +31,5 @@ public:
     }
 
 private:
-    std::string path = "/tmp/kel-test-XXXXXX";
+    const std::string path = mkdtemp(std::string("/tmp/kel-test-XXXXXX").data());
 };

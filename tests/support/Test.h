@@ -14,7 +14,6 @@
 #include <Kel/Core/BasicString.h>
 #include <Kel/Core/BasicStringFormatExceptionHandler.h>
 #include <Kel/Core/BasicVersion.h>
-#include <Kel/Core/EnumDictionary.h>
 #include <Kel/Core/Exception.h>
 #include <Kel/Core/RuntimeTypeInfo.h>
 #include <Kel/System/Ve/Adapters/Owned.h>
@@ -60,7 +59,6 @@
 #include <functional>
 #include <iostream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
