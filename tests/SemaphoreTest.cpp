@@ -60,8 +60,7 @@ TEST_F(SemaphoreTest, NameLivesAsLongAsItsCreatorOrUntilItIsUnlinked) {
 }
 
 TEST_F(SemaphoreTest, ClosedSemaphoreRefusesEverything) {
-    named.Close();
-    named.Close();
+    EXPECT_EQ(CallsOf("sem_close", [&] { named.Destroy(), named.Close(); }).size(), 1U);
     EXPECT_EQ(CallsOf("sem_destroy", [] { SemaphoreService(1).Destroy(); }).size(), 1U);
     const std::pair<std::string, Operation> table[] = {
         {"Wait", [&] { named.Wait(0); }},        {"WaitInfinite", [&] { named.WaitInfinite(); }},

@@ -12,7 +12,8 @@ namespace Kel::System::Ve {
 /// clock neither lengthens nor shortens a wait. A thread that waits holds the mutex, releases it while it waits, and
 /// holds it again afterwards, whatever the outcome. A wait may end without reason: test what was waited for, and wait
 /// again. Waits are cancellation points: a thread that is cancelled in one holds the mutex while its stack is unwound.
-/// Signals do not end a wait. What fails throws VeException.
+/// Signals do not end a wait. Deleting it blocks until those who have been notified have left their waits, and for ever
+/// when somebody waits who has not been. What fails throws VeException.
 class KEL_API ICondVariableService : public virtual IServiceObject {
 public:
     /// A moment on the monotonic clock.

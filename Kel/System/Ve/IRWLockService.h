@@ -9,7 +9,8 @@ namespace Kel::System::Ve {
 /// any thread. A reader may acquire again to read; if it asks to write, it waits for itself. A writer that acquires
 /// again, in either mode, gets an exception (EDEADLK), from a timed operation with whatever text `errno` has; a try
 /// returns false. Readers come first: a writer waits for as long as there is always one. Priorities are not inherited.
-/// None of the operations is a cancellation point, and signals do not end a wait. What fails throws VeException.
+/// None of the operations is a cancellation point, and signals do not end a wait. Nobody may hold the lock, or wait for
+/// it, when it is deleted: the system does not look. What fails throws VeException.
 class KEL_API IRWLockService : public virtual IServiceObject {
 public:
     /// Waits until there is no writer (pthread_rwlock_rdlock).

@@ -23,18 +23,19 @@ public:
     using ServiceObjects = std::map<IServiceObject*, ServiceObjectDebugData>;
 
     /// Makes the factory and stores it in the AppDomain. Throws `Kel::Exception` when there is no AppDomain or a
-    /// factory already.
+    /// factory already, and VeException when the registry's mutex cannot be made.
     static void CreateServiceFactory();
 
     /// Deletes the factory, which prints the leak report; does nothing when there is none. All service objects must
-    /// have been deleted: those that are left alive are reported, and deleting one later ends the process.
+    /// have been deleted: those that are left alive are reported, and deleting one later ends the process. A network
+    /// interface object that is alive ends the process at once, for the report has no name for its type.
     /// Throws `Kel::Exception` when there is no AppDomain.
     static void DisposeServiceFactory();
 
     ~ServiceFactory() override;
 
     /// Enters a service object into the registry; called by the object itself. Null is ignored. An object that is
-    /// registered again is counted again.
+    /// registered again is counted again. Throws VeException when the registry's mutex fails.
     void RegisterServiceObject(IServiceObject* object);
 
     /// Removes a service object from the registry; called by the object itself. Null is ignored. An object that is not

@@ -139,7 +139,9 @@ void SemaphoreService::Unlink() {
 
 void SemaphoreService::Destroy() {
     if (handle != nullptr) {
-        CheckErrno(sem_destroy(handle), "{0}: Semaphore could not be destroyed: {1}");
+        // Destroying a named one is undefined, and would leave it mapped.
+        CheckErrno(handle == &storage ? sem_destroy(handle) : sem_close(handle),
+                   "{0}: Semaphore could not be destroyed: {1}");
         handle = nullptr;
     }
 }

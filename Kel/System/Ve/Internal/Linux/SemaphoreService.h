@@ -29,6 +29,7 @@ public:
     bool TryWait() override;
     int GetValue() const override;
 
+    /// As `Wait` without a limit.
     void WaitInfinite();
     /// As `WaitInfinite`, but a wait that a signal handler interrupts goes on, and so does one that fails: that is
     /// thrown after the semaphore has been acquired.
@@ -36,12 +37,14 @@ public:
     /// Returns false when the time ran out; 0 does not wait.
     bool TimedWait(unsigned int timeoutMs);
 
-    /// Closes a named semaphore. Does nothing when there is none any more.
+    /// Closes a named semaphore (sem_close). Does nothing when there is none any more; throws for an unnamed one. None
+    /// of these three may be called while another thread uses the object.
     void Close();
     /// Removes the name; those who have the semaphore open keep it, but this object does not. Does nothing without a
     /// name.
     void Unlink();
-    /// Destroys an unnamed semaphore. Does nothing when there is none any more.
+    /// Destroys an unnamed semaphore (sem_destroy), which nobody may be waiting for, and closes a named one. Does
+    /// nothing when there is none any more.
     void Destroy();
 
 private:

@@ -17,7 +17,8 @@ public:
         Monotonic = CLOCK_MONOTONIC,
     };
 
-    /// Sets `result` to `timeoutMs` milliseconds from now on `clock`; 0 is the present moment.
+    /// Sets `result` to `timeoutMs` milliseconds from now on `clock`; 0 is the present moment. A deadline after the
+    /// last second that a `timespec` holds is in that second.
     /// Throws VeException when there is no such clock or it cannot be read.
     static void Convert(unsigned long timeoutMs, timespec& result, ClockId clock);
 
