@@ -105,7 +105,7 @@ void* RunServer(void* argument) {
     Error error{};
     unsigned int address = 0;
     int port = 0;
-    // Until this side shuts the listener down: then the error is Shutdown.
+    // Until this side shuts the listener down: then there is an error.
     while (listener.Poll(Socket::PollMode::Acceptable, 0xFFFFFFFF, error) == 1 && error == Error::Success) {
         auto accepted = Own(listener.Accept(address, port, error));
         const auto hasEnded = [](const auto& connection) { return connection->HasEnded(); };

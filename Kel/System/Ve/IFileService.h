@@ -15,9 +15,9 @@ namespace Kel::System::Ve {
 /// InvalidPathException (EINVAL) and VeException for anything else, such as a mode that needs write access.
 class KEL_API IFileService : public virtual IServiceObject {
 public:
-    /// All but `Open` and `OpenOrCreate` need write access.
+    /// All but `Open` and `OpenOrCreate` need write access. Any other value opens nothing.
     enum class FileMode : int {
-        CreateNew = 1,     ///< creates; AlreadyExistsException when it exists
+        CreateNew = 1,     ///< creates; AlreadyExistsException when it exists, be it a symbolic link to nothing
         Create = 2,        ///< creates, or empties what exists
         Open = 3,          ///< NotExistException when it does not exist
         OpenOrCreate = 4,  ///< always as `ReadWrite`, whatever the access
@@ -25,7 +25,8 @@ public:
         Append = 6,        ///< creates, or opens; all writing goes to the end
     };
 
-    /// Both `Write` and `ReadWrite` allow reading, and need the right to read the file as well as that to write it.
+    /// Both `Write` and `ReadWrite` allow reading, and need the right to read the file as well as that to write it. Any
+    /// other value is refused with VeException.
     enum class FileAccess : int {
         Read = 1,       ///< nothing is written, unless opened with `OpenOrCreate`
         Write = 2,      ///< as `ReadWrite`

@@ -69,7 +69,7 @@ public:
     enum class SelectMode : int {
         Readable = 0,     ///< something can be received, or the peer has closed
         Writable = 1,     ///< something can be sent
-        TimeoutOnly = 2,  ///< nothing: waits until the time runs out
+        TimeoutOnly = 2,  ///< nothing: waits until the time runs out; Shutdown does not wake it
         Connected = 3,    ///< the making of a connection has ended, successfully or not: as Writable
         Acceptable = 4,   ///< a connection can be accepted: as Readable
     };

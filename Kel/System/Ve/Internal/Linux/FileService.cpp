@@ -112,6 +112,27 @@ std::FILE* CheckOpen(std::FILE* stream, const char* operation = __builtin_FUNCTI
     return stream;
 }
 
+// Leaves `file` null also when it throws. Part of its callers' code: they are to be in the stack trace.
+[[gnu::always_inline]] inline int CloseStream(std::FILE*& file, bool synchronize) {
+    // Cancelled half-way, the thread would lose the stream.
+    const CancellationDisabled disabled;
+    std::FILE* const stream = std::exchange(file, nullptr);
+    // Once flushing has failed, fclose knows nothing of what was lost.
+    int flushed = 0;
+    if (synchronize) {
+        flushed = fflush(stream);
+        const int descriptor = fileno(stream);
+        if (descriptor == -1 || fsync(descriptor) == -1) {
+            const int errorNumber = errno;
+            static_cast<void>(fclose(stream));
+            ThrowFailure(errorNumber,
+                         descriptor == -1 ? "{0}: Could not determine filedescriptor to stream." : syncFailed, "Close");
+        }
+    }
+    const int closed = fclose(stream);
+    return closed != 0 ? closed : flushed;
+}
+
 }  // namespace
 
 FileService::FileService(const BasicString& path, FileMode mode, FileAccess access, bool sync)
@@ -142,7 +163,7 @@ void FileService::Open(const BasicString& path, FileMode mode, FileAccess access
     // A mode that does not exist leaves open what is open. If nothing is, errno is whatever it was.
     if (streamMode != nullptr) {
         if (pFile != nullptr) {
-            CloseStream(previousAccess);
+            CloseStream(pFile, previousAccess != FileAccess::Read && syncOnClose);
         }
         pFile = fopen(path.c_str(), streamMode);
         if (pFile == nullptr && mode == FileMode::OpenOrCreate && errno == ENOENT) {
@@ -173,27 +194,7 @@ int FileService::Flush() {
 
 int FileService::Close() {
     CheckOpen(pFile);
-    return CloseStream(fileAccess);
-}
-
-int FileService::CloseStream(FileAccess access) {
-    // Cancelled half-way, the thread would lose the stream.
-    const CancellationDisabled disabled;
-    std::FILE* const stream = std::exchange(pFile, nullptr);
-    // Once flushing has failed, fclose knows nothing of what was lost.
-    int flushed = 0;
-    if (access != FileAccess::Read && syncOnClose) {
-        flushed = fflush(stream);
-        const int descriptor = fileno(stream);
-        if (descriptor == -1 || fsync(descriptor) == -1) {
-            const int errorNumber = errno;
-            static_cast<void>(fclose(stream));
-            ThrowFailure(errorNumber,
-                         descriptor == -1 ? "{0}: Could not determine filedescriptor to stream." : syncFailed, "Close");
-        }
-    }
-    const int closed = fclose(stream);
-    return closed != 0 ? closed : flushed;
+    return CloseStream(pFile, fileAccess != FileAccess::Read && syncOnClose);
 }
 
 int FileService::Tell() {

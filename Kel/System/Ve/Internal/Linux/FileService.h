@@ -40,9 +40,6 @@ public:
     static int MapSystemErrorCode(unsigned int code);
 
 private:
-    /// Closes the stream, which was opened with `access`.
-    int CloseStream(FileAccess access);
-
     // Null when there is none.
     std::FILE* pFile = nullptr;
     FileAccess fileAccess{};

@@ -96,9 +96,10 @@ int GetResultOption(ISocketService& socket, ISocketService::SocketOptionName opt
     return status;
 }
 
-// A number beyond the process's table of descriptors would need a set of any length, and select would ignore it.
+// Numbers beyond the process's table of descriptors, which has a place for each bit of a word at least, would need a
+// set of any length, and select would ignore them.
 bool CanBeSelected(int descriptor) {
-    return descriptor >= 0 && (descriptor < FD_SETSIZE || fcntl(descriptor, F_GETFD) != -1);
+    return descriptor >= 0 && (descriptor < NFDBITS || fcntl(descriptor, F_GETFD) != -1);
 }
 
 // A set of one descriptor. An fd_set ends at 1024; the kernel takes a longer one.
