@@ -30,8 +30,8 @@ Loadings CountLoadings() {
     return count;
 }
 
-// Empty when there is none, or a longer one than is demangled here: the demangler takes some 70 bytes of the stack for
-// each character, and those who throw may have a small one.
+// Empty when there is none, or a longer one than is demangled here: the demangler takes up to 70 KiB of the stack for a
+// name of this length, which grows with it, and those who throw may have a small one.
 BasicString NameOf(const char* symbol) {
     constexpr std::size_t longest = 200;
     return symbol != nullptr && std::strlen(symbol) <= longest ? RuntimeTypeInfo::DemangleSymbol(symbol)

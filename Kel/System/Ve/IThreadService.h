@@ -42,13 +42,13 @@ public:
     virtual void SetPriority(unsigned int priority) = 0;
 
     /// Sets the size of the stack. Throws VeException once the thread has been started. A thread in which the library
-    /// may throw needs 32 KiB beside what its own functions use.
+    /// may throw, or which may crash and is to be reported, needs 80 KiB beside what its own functions use.
     virtual void SetStackSize(unsigned int bytes) = 0;
 
     /// Sets the name, cut to 15 characters.
     virtual void SetName(const BasicString& name) = 0;
 
-    /// Sets the function, for the next start.
+    /// Sets the function, for the next start. What it returns is not kept; an exception that leaves it ends the process.
     virtual void SetThreadFunction(void* (*function)(void*)) = 0;
 
     /// @{

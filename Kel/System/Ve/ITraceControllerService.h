@@ -12,7 +12,8 @@ namespace Kel::System::Ve {
 /// compared whole, case included. Every operation asks the daemon; the object keeps nothing. What fails throws
 /// VeException; without a daemon everything does but `IsSessionDaemonAlive`. All operations may be called from any
 /// thread; one asks at a time, whatever the number of objects. A program that calls the control library itself sees to
-/// it that no operation is in progress. All wait for the daemon's answer; none is a cancellation point.
+/// it that no operation is in progress. All wait for the daemon's answer; none is a cancellation point. The control
+/// library writes what goes wrong with the connection to standard error.
 class KEL_API ITraceControllerService : public virtual IServiceObject {
 public:
     /// Returns whether there is a daemon that this user can reach.

@@ -4,6 +4,8 @@
 #include <Kel/System/Ve/Exceptions/VeException.h>
 
 #include <lttng/lttng.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +20,35 @@ using Exceptions::VeException;
 namespace {
 
 constexpr char queryFailed[] = "Could not query session list from tracing service. Error {0} ({1})";
+
+// While it lives, writing to a connection that the daemon has closed, which the control library does without
+// MSG_NOSIGNAL, raises no signal that would end the process.
+class PipeSignalBlocked {
+public:
+    PipeSignalBlocked() {
+        sigset_t pending;
+        sigpending(&pending);
+        wasPending = sigismember(&pending, SIGPIPE) != 0;
+        sigemptyset(&pipeSignal);
+        sigaddset(&pipeSignal, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipeSignal, &previousMask);
+    }
+    ~PipeSignalBlocked() {
+        if (!wasPending) {
+            const timespec noWait{};
+            sigtimedwait(&pipeSignal, nullptr, &noWait);
+        }
+        pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+    }
+
+    PipeSignalBlocked(const PipeSignalBlocked&) = delete;
+    PipeSignalBlocked& operator=(const PipeSignalBlocked&) = delete;
+
+private:
+    sigset_t pipeSignal;
+    sigset_t previousMask;
+    bool wasPending;
+};
 
 // While it lives, this thread has the control library for itself. That keeps one connection to the daemon for the whole
 // process: used by two threads at a time it would close descriptors that are not its own, and a thread that is
@@ -34,6 +65,7 @@ private:
 
     const CancellationDisabled disabled;
     const std::lock_guard<std::recursive_mutex> guard;
+    const PipeSignalBlocked pipeSignalBlocked;
 };
 
 // For calls that return the negative number of an error, or what they are asked for.
