@@ -13,26 +13,16 @@ protected:
         if (IsEmulated()) {
             GTEST_SKIP() << "user-mode emulation keeps no list of the mutexes that a process holds";
         }
+        shared->mutex.Init(false);
     }
 
-    KilledPeerTest() { shared->mutex.Init(false); }
-    ~KilledPeerTest() override {
-        shared->changed.Destroy();
-        shared->mutex.Destroy();
-    }
-
-    /// Kills a process that holds the mutex, after `meanwhile`.
-    void KillHolder(const std::function<void()>& meanwhile = [] {}) {
-        const SharedObject<std::atomic<bool>> isHeld;
-        const Child holder([&]() -> int {
+    void KillHolder(const std::function<void()>& lastDeed = [] {}) {
+        Child holder([&] {
             shared->mutex.Lock();
-            *isHeld = true;
-            for (;;) {
-                pause();
-            }
+            lastDeed();
+            return raise(SIGKILL);
         });
-        WaitUntil([&] { return isHeld->load(); });
-        meanwhile();
+        holder.Wait();
     }
 
     // The mutex is as good as any, and nobody holds it.
@@ -61,19 +51,17 @@ TEST_F(KilledPeerTest, WaitForAConditionEndsWithTheMutexHeldAndGood) {
     const Operation waits[] = {[&] { shared->changed.Wait(shared->mutex); },
                                [&] { shared->changed.WaitFor(shared->mutex, 60000); }};
     for (const auto& wait : waits) {
-        std::thread told = Sleeping([&] {
+        const auto waitInThread = [&] {
             const MutexGuard guard(shared->mutex);
             EXPECT_TRUE(ComesTo(wait, "VeException: Owner died"));
             EXPECT_FALSE(shared->mutex.TryLock());
-        });
+        };
+        std::thread told = Sleeping(waitInThread);
         KillHolder([&] { shared->changed.NotifyAll(); });
         told.join();
         ExpectFree();
 
-        std::thread cancelled = Sleeping([&] {
-            const MutexGuard guard(shared->mutex);
-            wait.Outcome();
-        });
+        std::thread cancelled = Sleeping(waitInThread);
         KillHolder();
         pthread_cancel(cancelled.native_handle());
         cancelled.join();

@@ -1,13 +1,13 @@
 #include <array>
 
-// Enough to be seen among the locked memory of a process.
-std::array<char, 1 << 20> pluginData{1};
+// Zero, so that the file does not hold it.
+std::array<char, 1 << 20> pluginData;
 
 #if defined(BROKEN)
 // Nowhere to be found.
 int Missing();
 #else
-static int Missing() { return 41; }
+static int Missing() { return 42; }
 #endif
 
 // What the program does while the library is loaded, and unloaded; a program without it does nothing.

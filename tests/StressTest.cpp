@@ -4,13 +4,10 @@
 #include "support/Test.h"
 
 #include <dlfcn.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
 #include <array>
-#include <iostream>
 #include <random>
 
 namespace {
@@ -28,48 +25,31 @@ unsigned int Setting(const char* name, unsigned int otherwise) {
 
 IServiceFactory& Factory() { return *ServiceFactory::GetInstance(); }
 
-// What the names of this run begin with, also in its children.
-const std::string& RunName() {
-    static const std::string name = UniqueName("stress");
-    return name;
-}
-
-BasicString NewName() {
-    static std::atomic<unsigned int> count{0};
-    return RunName() + "-" + std::to_string(++count);
-}
-
-void ExpectOneOf(const Operation& operation, const std::vector<std::string>& outcomes) {
+void ExpectDoneOr(const std::string& exception, const Operation& operation) {
     const std::string outcome = operation.Outcome();
-    EXPECT_NE(std::find(outcomes.begin(), outcomes.end(), outcome), outcomes.end()) << outcome;
+    EXPECT_TRUE(outcome == "done" || outcome == exception) << outcome;
 }
 
-// While it lives, nobody else may be inside.
-class Inside {
-public:
-    explicit Inside(std::atomic<int>& newCount) : count(newCount) {
-        EXPECT_EQ(++count, 1);
-        // Others come, if they can.
-        std::this_thread::yield();
-    }
-    ~Inside() { --count; }
-    Inside(const Inside&) = delete;
-    Inside& operator=(const Inside&) = delete;
-
-private:
-    std::atomic<int>& count;
-};
+// Nobody else is here at the same time.
+void BeAlone(std::atomic<int>& inside) {
+    EXPECT_EQ(++inside, 1);
+    // Others come, if they can.
+    std::this_thread::yield();
+    --inside;
+}
 
 // A store that is guarded by a mutex and waited for with a condition.
-template <typename Mutex, typename Condition>
+template <typename Mutex, typename Condition, auto... sharedWith>
 struct Store {
+    Store() { mutex.Init(false, sharedWith...); }
+
     void Use(Random& random) {
         if (Below(2, random) == 0) {
             mutex.Lock();
         } else if (mutex.TimedLock(Below(3, random)) != 0) {
             return;
         }
-        { const Inside alone(inside); }
+        BeAlone(inside);
         if (Below(2, random) == 0) {
             ++items;
             Below(2, random) == 0 ? condition.NotifyOne() : condition.NotifyAll();
@@ -81,49 +61,29 @@ struct Store {
         mutex.Unlock();
     }
 
-    Mutex& mutex;
-    Condition& condition;
+    Mutex mutex;
+    Condition condition;
     std::atomic<int> inside{0};
     unsigned int items = 0;
 };
 
-struct Mutexes {
-    Mutexes() { ipcMutex.Init(false); }
-
-    void Use(Random& random) {
-        store.Use(random);
-        ipcStore.Use(random);
-    }
-
-    std::unique_ptr<IMutexService> mutex = Own(Factory().CreateMutex(false));
-    std::unique_ptr<ICondVariableService> condition = Own(Factory().CreateConditionVariable());
-    Store<IMutexService, ICondVariableService> store{*mutex, *condition};
-    IpcMutexService ipcMutex;
-    IpcCondVarService ipcCondition;
-    Store<IpcMutexService, IpcCondVarService> ipcStore{ipcMutex, ipcCondition};
-};
-
 struct RWLocks {
     void Use(Random& random) {
-        const unsigned int timeoutMs = Below(3, random);
-        if (Below(3, random) == 0 ? lock->TimedAcquireWriteLock(timeoutMs) : lock->TryAcquireWriteLock()) {
-            {
-                const Inside alone(writers);
-                EXPECT_EQ(readers, 0);
-            }
+        if (Below(3, random) == 0 ? lock->TimedAcquireWriteLock(1) : lock->TryAcquireWriteLock()) {
+            EXPECT_EQ(--users, -1);
+            ++users;
             lock->ReleaseWriteLock();
         }
-        if (Below(3, random) == 0 ? lock->TimedAcquireReadLock(timeoutMs) : lock->TryAcquireReadLock()) {
-            ++readers;
-            EXPECT_EQ(writers, 0);
-            --readers;
+        if (Below(3, random) == 0 ? lock->TimedAcquireReadLock(1) : lock->TryAcquireReadLock()) {
+            EXPECT_GT(++users, 0);
+            --users;
             lock->ReleaseReadLock();
         }
     }
 
     std::unique_ptr<IRWLockService> lock = Own(Factory().CreateRWLock());
-    std::atomic<int> readers{0};
-    std::atomic<int> writers{0};
+    // How many read; negative while somebody writes.
+    std::atomic<int> users{0};
 };
 
 struct Semaphores {
@@ -144,13 +104,10 @@ struct Semaphores {
 
 struct Timers {
     void Use(Random& random) {
-        if (Below(2, random) == 0) {
-            ExpectOneOf([&] { timer->Start(); }, {"done", "VeException: Start: Timer was started yet!"});
-        } else {
-            timer->Stop();
-        }
+        const auto start = [&] { timer->Start(); };
+        Below(2, random) == 0 ? timer->Stop() : ExpectDoneOr("VeException: Start: Timer was started yet!", start);
     }
-    static void Tick(void* inside) { const Inside alone(*static_cast<std::atomic<int>*>(inside)); }
+    static void Tick(void* inside) { BeAlone(*static_cast<std::atomic<int>*>(inside)); }
 
     std::atomic<int> inside{0};
     // Goes first: until then the handler may be called.
@@ -179,29 +136,26 @@ struct Threads {
 };
 
 // What each thread has for itself.
-struct Others {
-    void Use(Random& random) {
-        const BasicString name = NewName();
-        BasicString error;
-        const auto file = Own(Factory().CreateFile("/tmp" + name, IFileService::FileMode::CreateNew,
-                                                   IFileService::FileAccess::Write, false));
-        EXPECT_TRUE(FileServiceBase::Delete("/tmp" + name));
-        const auto memory = Own(Factory().CreateSharedMemory(name, 4096, ISharedMemoryService::mode::Create));
-        // The object leaves it mapped, and named.
-        munmap(memory->GetAddress(), memory->GetSize());
-        shm_unlink(name.c_str());
-        const auto library = Own(Factory().CreateSharedLibrary());
-        library->Load(PluginPath());
-        EXPECT_NE(library->GetFunctionAddress("PluginAnswer"), nullptr);
-        EXPECT_NE(Own(Factory().CreateNetworkInterfaceInfo("lo", error)), nullptr);
-        Own(Factory().CreateTraceController())->IsSessionDaemonAlive();
-        if (Below(20, random) == 0) {
-            int exitCode = -1;
-            Own(Factory().CreateProcess())->StartBlocking("", "/bin/true", "", exitCode);
-            EXPECT_EQ(exitCode, 0);
-        }
+void UseOthers(Random& random) {
+    const BasicString name = UniqueName("stress-of-thread") + std::to_string(gettid());
+    BasicString error;
+    Own(Factory().CreateFile("/tmp" + name, IFileService::FileMode::CreateNew, IFileService::FileAccess::Write, false));
+    EXPECT_TRUE(FileServiceBase::Delete("/tmp" + name));
+    const auto memory = Own(Factory().CreateSharedMemory(name, 4096, ISharedMemoryService::mode::Create));
+    // The object leaves it mapped, and named.
+    munmap(memory->GetAddress(), memory->GetSize());
+    shm_unlink(name.c_str());
+    const auto library = Own(Factory().CreateSharedLibrary());
+    library->Load(PluginPath());
+    EXPECT_NE(library->GetFunctionAddress("PluginAnswer"), nullptr);
+    EXPECT_NE(Own(Factory().CreateNetworkInterfaceInfo("lo", error)), nullptr);
+    Own(Factory().CreateTraceController())->IsSessionDaemonAlive();
+    if (Below(20, random) == 0) {
+        int exitCode = -1;
+        Own(Factory().CreateProcess())->StartBlocking("", "/bin/true", "", exitCode);
+        EXPECT_EQ(exitCode, 0);
     }
-};
+}
 
 // Objects of a kind that all threads share. They are replaced now and then; the last user of one deletes it.
 template <typename Object>
@@ -219,15 +173,17 @@ std::function<void(Random& random)> Shared() {
 
 // What processes share that may be killed at any moment.
 struct Common {
+    const BasicString name = UniqueName("stress");
     IpcMutexService mutex;
     std::atomic<int> holder{0};
+    std::atomic<bool> isOver{false};
 };
 
 void UseCommon(Common& common, Random& random) {
     bool isHeld = false;
-    ExpectOneOf([&] { isHeld = common.mutex.TryLock(); },
-                {"done", "VeException: TryLock: Mutex could not be trylocked: Owner died"});
-    const auto semaphore = Own(Factory().CreateSemaphore(RunName()));
+    ExpectDoneOr("VeException: TryLock: Mutex could not be trylocked: Owner died",
+                 [&] { isHeld = common.mutex.TryLock(); });
+    const auto semaphore = Own(Factory().CreateSemaphore(common.name));
     if (isHeld) {
         // A process that was killed in here is still noted.
         EXPECT_NE(common.holder.exchange(gettid()), gettid());
@@ -237,19 +193,18 @@ void UseCommon(Common& common, Random& random) {
     }
     semaphore->Post();
     semaphore->TryWait();
-    const auto queue = Own(Factory().CreateMessageQueue(RunName(), false));
+    const auto queue = Own(Factory().CreateMessageQueue(common.name, false));
     char message[16] = "to a peer";
-    ExpectOneOf([&] { queue->Send(message, Below(sizeof message, random), 0, 0); },
-                {"done", "VeException: Could not send message. Error Resource temporarily unavailable."});
+    ExpectDoneOr("VeException: Could not send message. Error Resource temporarily unavailable.",
+                 [&] { queue->Send(message, Below(sizeof message, random), 0, 0); });
     unsigned int priority = 0;
     EXPECT_GE(queue->Receive(message, sizeof message, priority, 0), 0);
 }
 
-// Starts, kills and replaces a process that uses what is common, until the other end of `stop` is closed.
-int KillPeers(Common& common, int stop, unsigned int seed) {
-    Random random(seed);
-    pollfd end{stop, POLLIN, 0};
-    while (poll(&end, 1, 0) == 0) {
+// Starts, kills and replaces a process that uses what is common.
+int KillPeers(Common& common, Random random) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    while (!common.isOver) {
         Child peer([&] {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             while (!testing::Test::HasFailure()) {
@@ -257,59 +212,46 @@ int KillPeers(Common& common, int stop, unsigned int seed) {
             }
             return EXIT_FAILURE;
         });
-        poll(&end, 1, static_cast<int>(Below(20, random)));
+        std::this_thread::sleep_for(milliseconds(Below(20, random)));
         if (peer.Kill() != 128 + SIGKILL) {
             return EXIT_FAILURE;
         }
-        random.discard(1);
     }
     return EXIT_SUCCESS;
-}
-
-std::string ResidentMemory() {
-    std::ifstream file("/proc/self/status");
-    std::string line;
-    while (std::getline(file, line) && line.find("VmRSS:") != 0) {
-    }
-    return line;
 }
 
 using StressTest = FactoryTest;
 
 TEST_F(StressTest, EverythingAtOnceBreaksNothingAndLeavesNothing) {
     const unsigned int seed = Setting("KEL_STRESS_SEED", std::random_device()());
-    const std::chrono::seconds duration(Setting("KEL_STRESS_SECONDS", 2));
-    std::cout << "seed " << seed << "\n" << ResidentMemory() << std::endl;
+    const auto end = steady_clock::now() + std::chrono::seconds(Setting("KEL_STRESS_SECONDS", 2));
+    std::cout << "seed " << seed << std::endl;
 
-    const auto semaphore = Own(factory->CreateSemaphore(RunName(), 0));
-    const auto queue = Own(factory->CreateMessageQueue(RunName(), IMessageQueueService::OpenMode::CreateNew,
-                                                       IMessageQueueService::Access::ReadWrite, false, 4, 16));
     SharedObject<Common> common;
     common->mutex.Init(false);
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    Child keeper([&] {
-        close(ends[1]);
-        return KillPeers(*common, ends[0], seed);
-    });
+    const auto semaphore = Own(factory->CreateSemaphore(common->name, 0));
+    const auto queue = Own(factory->CreateMessageQueue(common->name, IMessageQueueService::OpenMode::CreateNew,
+                                                       IMessageQueueService::Access::ReadWrite, false, 4, 16));
+    Child keeper([&] { return KillPeers(*common, Random(seed)); });
 
     std::atomic<unsigned long> rounds{0};
     {
-        const std::vector<std::pair<const char*, std::function<void(Random & random)>>> works{
-            {"mutexes, condition variables", Shared<Mutexes>()},
+        const std::pair<const char*, std::function<void(Random & random)>> works[] = {
+            {"mutex, condition variable",
+             Shared<Store<MutexService, ConditionVariableService, MutexService::ProcessPrivate>>()},
+            {"those for processes", Shared<Store<IpcMutexService, IpcCondVarService>>()},
             {"read-write lock", Shared<RWLocks>()},
             {"semaphore", Shared<Semaphores>()},
             {"timer", Shared<Timers>()},
             {"thread", Shared<Threads>()},
-            {"others", Shared<Others>()},
+            {"others", &UseOthers},
             {"objects of killed processes", [&](Random& random) { UseCommon(*common, random); }},
         };
         std::vector<std::thread> threads;
-        const auto end = steady_clock::now() + duration;
         for (unsigned int i = 0; i < Setting("KEL_STRESS_THREADS", 8); ++i) {
             threads.emplace_back([&, random = Random(seed + i)]() mutable {
                 for (; steady_clock::now() < end && !HasFailure(); ++rounds) {
-                    const auto& [name, use] = works[Below(static_cast<unsigned int>(works.size()), random)];
+                    const auto& [name, use] = works[Below(std::size(works), random)];
                     EXPECT_EQ(Operation([&, use = use] { use(random); }).Outcome(), "done") << name;
                 }
             });
@@ -318,10 +260,9 @@ TEST_F(StressTest, EverythingAtOnceBreaksNothingAndLeavesNothing) {
             thread.join();
         }
     }
-    std::cout << rounds << " rounds\n" << ResidentMemory() << std::endl;
-    close(ends[1]);
+    std::cout << rounds << " rounds" << std::endl;
+    common->isOver = true;
     EXPECT_EQ(keeper.Wait(), EXIT_SUCCESS);
-    close(ends[0]);
     queue->Unlink();
     EXPECT_EQ(dlopen(PluginPath().c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
 }

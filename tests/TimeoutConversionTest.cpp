@@ -2,52 +2,52 @@
 
 namespace {
 
-bool operator==(const timespec& left, const timespec& right) {
-    return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
+class TimeoutConversionTest : public testing::Test {
+protected:
+    std::string Convert(unsigned long timeoutMs, int clock) {
+        TimeoutConversion::Convert(timeoutMs, result, TimeoutConversion::ClockId{clock});
+        return Result();
+    }
+
+    std::string Split(long long nanoseconds) {
+        TimeoutConversion::NsAbsoluteToTimespec(std::chrono::nanoseconds(nanoseconds), result);
+        return Result();
+    }
+
+    std::string Result() const { return std::to_string(result.tv_sec) + " s " + std::to_string(result.tv_nsec); }
+
+    timespec result{-1, -1};
+};
+
+TEST_F(TimeoutConversionTest, AddsMillisecondsToTheClockAskedFor) {
+    time_t realtime = 5;
+    const Interposition clocks("clock_gettime", [&](const auto& arguments) {
+        *Interposition::Pointer<timespec>(arguments[1]) = {arguments[0] == CLOCK_REALTIME ? realtime : 7, 500000000};
+        return 0;
+    });
+    EXPECT_EQ(Convert(0, CLOCK_REALTIME), "5 s 500000000");
+    EXPECT_EQ(Convert(500, CLOCK_MONOTONIC), "8 s 0");
+    EXPECT_EQ(Convert(999, CLOCK_REALTIME), "6 s 499000000");
+    EXPECT_EQ(Convert(4294967295UL, CLOCK_MONOTONIC), "4294974 s 795000000");
+    realtime = 2147483640;
+    EXPECT_EQ(Convert(4294967295UL, CLOCK_REALTIME),
+              sizeof(time_t) == 4 ? "2147483647 s 795000000" : "2151778607 s 795000000");
 }
 
-TEST(TimeoutConversionTest, AddsMillisecondsToTheClockAskedFor) {
-    const struct {
-        TimeoutConversion::ClockId clock;
-        timespec now;
-        unsigned long timeoutMs;
-        timespec deadline;
-    } table[] = {
-        {TimeoutConversion::Realtime, {5, 500000000}, 0, {5, 500000000}},
-        {TimeoutConversion::Monotonic, {5, 500000000}, 499, {5, 999000000}},
-        {TimeoutConversion::Realtime, {5, 500000000}, 500, {6, 0}},
-        {TimeoutConversion::Monotonic, {5, 999999999}, 4294967295UL, {4294973, 294999999}},
-    };
-    for (const auto& row : table) {
-        const Interposition stoppedClock("clock_gettime", [&](const Interposition::Arguments& arguments) {
-            EXPECT_EQ(arguments[0], row.clock);
-            *Interposition::Pointer<timespec>(arguments[1]) = row.now;
-            return 0;
-        });
-        timespec deadline;
-        TimeoutConversion::Convert(row.timeoutMs, deadline, row.clock);
-        EXPECT_TRUE(deadline == row.deadline) << row.timeoutMs;
-    }
+TEST_F(TimeoutConversionTest, RefusesOtherClocks) {
+    EXPECT_TRUE(ComesTo([&] { return Convert(1, -1); }, "VeException: Unknown clock requested."));
+    EXPECT_TRUE(ComesTo([&] { return Convert(1, 2); }, "VeException: Unknown clock requested."));
+    EXPECT_EQ(Result(), "0 s 0");
+    const FailingCall reading("clock_gettime");
+    EXPECT_TRUE(ComesTo([&] { return Convert(1, 1); }, "VeException: Could not compute timeout."));
 }
 
-TEST(TimeoutConversionTest, OtherClocksAreRefused) {
-    for (const int clock : {-1, 2, 7}) {
-        timespec deadline{-1, -1};
-        const auto convert = [&] { TimeoutConversion::Convert(1, deadline, TimeoutConversion::ClockId{clock}); };
-        EXPECT_TRUE(ComesTo(convert, "VeException: Unknown clock requested."));
-        EXPECT_TRUE(deadline == timespec{});
-    }
-}
-
-TEST(TimeoutConversionTest, SplitsNanoseconds) {
-    const std::pair<long long, timespec> table[] = {{1500000000, {1, 500000000}}, {-1500000000, {-1, -500000000}}};
-    timespec split;
-    for (const auto& [nanoseconds, expected] : table) {
-        TimeoutConversion::NsAbsoluteToTimespec(std::chrono::nanoseconds(nanoseconds), split);
-        EXPECT_TRUE(split == expected) << nanoseconds;
-    }
-    TimeoutConversion::NsAbsoluteToTimespec(std::chrono::nanoseconds::max(), split);
-    EXPECT_GE(split.tv_sec, std::numeric_limits<std::int32_t>::max());
+TEST_F(TimeoutConversionTest, SplitsNanosecondsTowardZero) {
+    EXPECT_EQ(Split(1500000000), "1 s 500000000");
+    EXPECT_EQ(Split(-1500000000), "-1 s -500000000");
+    // As far as a `time_t` goes.
+    Split(std::numeric_limits<long long>::max());
+    EXPECT_GE(result.tv_sec, std::numeric_limits<std::int32_t>::max());
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 #include "support/Test.h"
 
 #include <lttng/lttng.h>
-#include <poll.h>
-#include <sys/syscall.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 
-#include <algorithm>
 #include <cstring>
 #include <list>
 
@@ -14,186 +13,157 @@ using Names = std::list<BasicString>;
 
 class TraceControllerTest : public FactoryTest {
 protected:
-    /// Runs `test` in a child, as an ordinary user with a home folder, where a session daemon of its own would live.
-    testing::AssertionResult SucceedsAsUser(const std::function<void()>& test) {
-        return SucceedsInChild([&] {
-            alarm(120);
-            BecomeOrdinaryUser(home);
-            // NOLINTBEGIN(concurrency-mt-unsafe): the child has one thread.
-            setenv("LTTNG_HOME", home.c_str(), 1);
-            setenv("HOME", home.c_str(), 1);
-            // NOLINTEND(concurrency-mt-unsafe)
-            test();
-        });
-    }
-
     const TemporaryFolder folder;
-    const std::string home = folder / "";
     const std::unique_ptr<ITraceControllerService> controller = Own(factory->CreateTraceController());
 };
+
+lttng_session Session(const std::string& name, const std::string& path) {
+    lttng_session session{};
+    name.copy(session.name, sizeof session.name);
+    path.copy(session.path, sizeof session.path);
+    return session;
+}
 
 // While it lives, there are these sessions, as the control library hands them out: to be freed.
 Interposition Sessions(const std::vector<lttng_session>& sessions) {
     return {"lttng_list_sessions", [sessions](const auto& arguments) {
-                auto* const records =
-                    static_cast<lttng_session*>(std::calloc(sessions.size() + 1, sizeof(lttng_session)));
-                std::copy(sessions.begin(), sessions.end(), records);
-                *Interposition::Pointer<lttng_session*>(arguments[0]) = records;
+                const std::size_t size = sessions.size() * sizeof sessions[0];
+                *Interposition::Pointer<void*>(arguments[0]) = std::memcpy(std::malloc(size), sessions.data(), size);
                 return static_cast<std::intptr_t>(sessions.size());
             }};
 }
 
 TEST_F(TraceControllerTest, FailuresAreReported) {
     const std::string error = std::string(lttng_strerror(-EACCES)) + " (-13)";
-    const auto load = [this] { return controller->LoadSessionConfiguration("some", home); };
+    const std::string could = "VeException: Could not ";
+    const std::string noList = could + "query session list from tracing service";
+    const auto load = [this] { return controller->LoadSessionConfiguration("some", "/"); };
+    const auto list = [this] { return controller->ListSessions().size(); };
     const auto listOutputs = [this] { return controller->ListSessionOutputs("some").size(); };
     const auto record = [this] { return controller->RecordSessionSnapshot("some"); };
-    const auto isEnabled = [this] { return controller->IsSessionEnabled("{0}"); };
-    const std::string noList = "VeException: Could not query session list from tracing service";
+    const auto start = [this] { return controller->StartSession("some"); };
+    const auto stop = [this] { return controller->StopSession("some"); };
+    const auto destroy = [this] { return controller->DestroySession("some"); };
+    // A success, but of another kind.
+    constexpr int two = -2;
     ExpectFailures({
-        {"lttng_load_session_attr_create", load, "VeException: Could not create attribute to load session."},
-        {"lttng_load_session_attr_set_session_name", load,
-         "VeException: Could not set session name. Error " + error + "."},
-        {"lttng_load_session_attr_set_input_url", load, "VeException: Could not set input url. Error: " + error + "."},
-        {"lttng_load_session", load, "VeException: Could not load session. Error " + error + "."},
-        {"lttng_list_sessions", [this] { controller->ListSessions(); }, noList + ". Error " + error},
+        {"lttng_load_session_attr_create", load, could + "create attribute to load session."},
+        {"lttng_load_session_attr_set_session_name", load, could + "set session name. Error " + error + "."},
+        {"lttng_load_session_attr_set_input_url", load, could + "set input url. Error: " + error + "."},
+        {"lttng_load_session", load, could + "load session. Error " + error + "."},
+        {"lttng_list_sessions", list, noList + ". Error " + error},
+        // The control library has no text for this one.
+        {"lttng_list_sessions", list, noList + ". Error Unknown error code (-52)", 0, 52},
         {"lttng_list_sessions", listOutputs, noList + ". Error " + error},
         {"lttng_list_sessions", record, noList + " for Snapshot mode detection. Error " + error},
-        {"lttng_list_sessions", isEnabled,
+        {"lttng_list_sessions", [this] { return controller->IsSessionEnabled("{0}"); },
          "VeException: Cannot check enable mode of Session: Session {0} does not exist"},
-        {"lttng_start_tracing", [this] { controller->StartSession("some"); },
-         "VeException: Could not start session. Error: " + error + "."},
-        {"lttng_stop_tracing", [this] { controller->StopSession("some"); },
-         "VeException: Could not stop session. Error: " + error + "."},
-        {"lttng_destroy_session", [this] { controller->DestroySession("some"); },
-         "VeException: Could not destroy session. Error: " + error + "."},
-        {"lttng_session_daemon_alive", [this] { return controller->IsSessionDaemonAlive(); }, "false"},
+        {"lttng_start_tracing", start, could + "start session. Error: " + error + "."},
+        {"lttng_start_tracing", start, "false", 0, two},
+        {"lttng_stop_tracing", stop, could + "stop session. Error: " + error + "."},
+        {"lttng_stop_tracing", stop, "false", 0, two},
+        {"lttng_destroy_session", destroy, could + "destroy session. Error: " + error + "."},
+        {"lttng_destroy_session", destroy, "false", 0, two},
+        {"lttng_session_daemon_alive", [this] { return controller->IsSessionDaemonAlive(); }, "false", 0, two},
     });
-    lttng_session some{};
-    std::strcpy(some.name, "some");
+    lttng_session some = Session("some", "");
     some.snapshot_mode = 1;
     const Interposition sessions = Sessions({some});
     ExpectFailures({
         {"lttng_snapshot_record", record, "VeException: Failed to record snapshot. Error " + error},
+        {"lttng_snapshot_record", record, "false", 0, two},
         {"lttng_snapshot_list_output", listOutputs,
          "VeException: Failed to list snapshot output locations for session some"},
     });
 }
 
-TEST_F(TraceControllerTest, ResultsAreTold) {
-    // A success, but of another kind.
-    const std::pair<const char*, std::function<bool()>> table[] = {
-        {"lttng_start_tracing", [this] { return controller->StartSession("some"); }},
-        {"lttng_stop_tracing", [this] { return controller->StopSession("some"); }},
-        {"lttng_destroy_session", [this] { return controller->DestroySession("some"); }},
-        {"lttng_session_daemon_alive", [this] { return controller->IsSessionDaemonAlive(); }}};
-    for (const auto& [function, operation] : table) {
-        const Interposition call(function, [](const auto& /*arguments*/) { return 2; });
-        EXPECT_FALSE(operation());
-    }
-}
-
 TEST_F(TraceControllerTest, NamesAreComparedWhole) {
-    lttng_session full{};
-    std::fill_n(full.name, sizeof full.name, 'x');
-    std::fill_n(full.path, sizeof full.path, 'y');
-    full.snapshot_mode = 1;
-    lttng_session some{};
-    std::strcpy(some.name, "some");
-    std::strcpy(some.path, "/one");
-    lttng_session again = some;
-    std::copy_n(full.path, sizeof full.path, again.path);
+    const BasicString longest(sizeof lttng_session::name, 'x');
+    const BasicString longestPath(sizeof lttng_session::path, 'y');
+    lttng_session again = Session("some", longestPath);
     again.enabled = 1;
-    const Interposition sessions = Sessions({full, some, again});
-    const BasicString longest(sizeof full.name, 'x');
-    EXPECT_EQ(controller->ListSessions(), (Names{longest, "some", "some"}));
-    EXPECT_EQ(controller->ListSessionOutputs("some"), (Names{"/one", BasicString(sizeof full.path, 'y')}));
+    const Interposition sessions = Sessions({Session("some", "/one"), Session(longest, "/"), again});
+    // The records are freed.
+    const auto freed = CallsOf("free", [&] {
+        EXPECT_EQ(controller->ListSessions(), (Names{"some", longest, "some"}));
+    });
+    EXPECT_EQ(freed.size(), 1U);
+    EXPECT_EQ(controller->ListSessionOutputs("some"), (Names{"/one", longestPath}));
     // The first of that name.
     EXPECT_FALSE(controller->IsSessionEnabled("some"));
-    EXPECT_TRUE(controller->IsSessionInSnapshotMode(longest));
-    for (const std::string name : {"som", "some1", "Some", ""}) {
-        const std::string missing = "Session: Session " + name + " does not exist";
-        EXPECT_TRUE(ComesTo([&] { controller->IsSessionEnabled(name); },
-                            "VeException: Cannot check enable mode of " + missing));
-        EXPECT_TRUE(ComesTo([&] { controller->RecordSessionSnapshot(name); },
-                            "VeException: Cannot check snapshot mode of " + missing));
-        EXPECT_TRUE(ComesTo([&] { controller->ListSessionOutputs(name); },
-                            "VeException: Cannot list session output locations: Session " + name + " does not exist"));
-    }
     EXPECT_TRUE(ComesTo([&] { controller->RecordSessionSnapshot("some"); },
                         "VeException: Cannot record session snapshot: Session some is not in snapshot mode"));
+    for (const std::string name : {"som", "some1"}) {
+        const std::string missing = "Session " + name + " does not exist";
+        EXPECT_TRUE(ComesTo([&] { controller->IsSessionInSnapshotMode(name); },
+                            "VeException: Cannot check snapshot mode of Session: " + missing));
+        EXPECT_TRUE(ComesTo([&] { controller->ListSessionOutputs(name); },
+                            "VeException: Cannot list session output locations: " + missing));
+    }
 }
 
-// A session daemon, ended with the object.
-class SessionDaemon {
-public:
-    explicit SessionDaemon(const std::string& pidFile) {
-        EXPECT_TRUE(Succeeds("lttng-sessiond --daemonize --no-kernel --pidfile " + pidFile));
-        std::ifstream(pidFile) >> processId;
-    }
-    ~SessionDaemon() {
-        // Readable once the process has ended.
-        pollfd ended{static_cast<int>(syscall(SYS_pidfd_open, processId, 0)), POLLIN, 0};
-        EXPECT_TRUE(ended.fd != -1 && kill(processId, SIGTERM) == 0 && poll(&ended, 1, -1) == 1);
-    }
-
-    SessionDaemon(const SessionDaemon&) = delete;
-    SessionDaemon& operator=(const SessionDaemon&) = delete;
-
-private:
-    pid_t processId = 0;
-};
+// The control library is one for the whole process, with one connection.
+TEST_F(TraceControllerTest, ThreadsUseTheControlLibraryOneByOne) {
+    std::thread other;
+    std::atomic<int> calls{0};
+    const Interposition call("lttng_session_daemon_alive", [&](const auto& /*arguments*/) {
+        if (++calls == 1) {
+            other = Sleeping([this] { controller->IsSessionDaemonAlive(); });
+            EXPECT_EQ(calls, 1);
+        }
+        return 1;
+    });
+    controller->IsSessionDaemonAlive();
+    other.join();
+}
 
 TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
     if (IsEmulated() || !Succeeds("lttng-sessiond --version")) {
         GTEST_SKIP() << "needs lttng-sessiond (package lttng-tools) of this program's own machine";
     }
-    EXPECT_TRUE(SucceedsAsUser([this] {
-        EXPECT_FALSE(controller->IsSessionDaemonAlive());
-        const SessionDaemon daemon(folder / "pid");
+    const auto control = [this] {
         EXPECT_TRUE(controller->IsSessionDaemonAlive());
-        EXPECT_EQ(controller->ListSessions(), Names());
-
-        const auto lttng = [](const std::string& command) { return Succeeds("lttng --no-sessiond " + command); };
-        EXPECT_TRUE(lttng("create normal --output=" + folder / "traces"));
-        EXPECT_TRUE(lttng("create ring --snapshot --output=" + folder / "snapshots"));
-        for (const std::string name : {"normal", "ring"}) {
-            EXPECT_TRUE(lttng("enable-event --userspace --all --session " + name));
-            EXPECT_FALSE(controller->IsSessionEnabled(name));
-            EXPECT_TRUE(controller->StartSession(name));
-            EXPECT_TRUE(controller->IsSessionEnabled(name));
-        }
-        EXPECT_EQ(controller->ListSessionOutputs("normal"), Names{folder / "traces"});
-        EXPECT_EQ(controller->ListSessionOutputs("ring"), Names{folder / "snapshots"});
-        EXPECT_FALSE(controller->IsSessionInSnapshotMode("normal"));
-        EXPECT_TRUE(controller->RecordSessionSnapshot("ring"));
+        EXPECT_EQ(controller->ListSessions().size(), 2U);
+        EXPECT_TRUE(controller->StartSession("normal"));
+        EXPECT_TRUE(controller->IsSessionEnabled("normal"));
         EXPECT_TRUE(controller->StopSession("normal"));
         EXPECT_FALSE(controller->IsSessionEnabled("normal"));
-
-        EXPECT_TRUE(lttng("save normal --output-path=" + folder / "saved"));
+        EXPECT_FALSE(controller->IsSessionInSnapshotMode("normal"));
         EXPECT_TRUE(controller->DestroySession("normal"));
         EXPECT_TRUE(controller->LoadSessionConfiguration("normal", folder / "saved"));
-        EXPECT_FALSE(controller->IsSessionEnabled("normal"));
-        EXPECT_TRUE(controller->DestroySession("normal"));
-        EXPECT_TRUE(controller->DestroySession("ring"));
-
-        // From several threads, one of which is cancelled meanwhile.
-        const std::ptrdiff_t open = OpenDescriptors();
-        std::vector<std::thread> threads(4);
-        for (std::thread& thread : threads) {
-            thread = std::thread([this, isCancelled = &thread == threads.data()] {
-                if (isCancelled) {
-                    pthread_cancel(pthread_self());
-                }
-                for (int j = 0; j < 50; ++j) {
-                    EXPECT_EQ(controller->ListSessions(), Names());
-                }
-            });
+        EXPECT_EQ(controller->ListSessionOutputs("normal"), Names{folder / "traces"});
+        EXPECT_TRUE(controller->StartSession("ring"));
+        EXPECT_TRUE(controller->RecordSessionSnapshot("ring"));
+        // The daemon has one output for each session as yet: it is told twice.
+        std::intptr_t output = 0;
+        const Interposition next("lttng_snapshot_output_list_get_next", [&](const auto& arguments) {
+            const std::intptr_t previous = std::exchange(output, next.CallThrough(arguments));
+            return output != 0 ? output : previous;
+        });
+        const auto freed = CallsOf("lttng_snapshot_output_list_destroy", [this] {
+            EXPECT_EQ(controller->ListSessionOutputs("ring"), Names(2, folder / "snapshots"));
+        });
+        EXPECT_EQ(freed.size(), 1U);
+    };
+    // As an ordinary user, in whose home folder a daemon lives, which is ended whatever has happened.
+    EXPECT_TRUE(SucceedsInChild([&] {
+        alarm(120);
+        BecomeOrdinaryUser(folder / "");
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the child has one thread.
+        setenv("LTTNG_HOME", (folder / "").c_str(), 1);
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        EXPECT_FALSE(controller->IsSessionDaemonAlive());
+        EXPECT_TRUE(Succeeds("lttng-sessiond --daemonize --no-kernel --pidfile " + folder / "pid"));
+        for (const std::string& command :
+             {"create normal --output=" + folder / "traces", "create ring --snapshot --output=" + folder / "snapshots",
+              std::string("enable-event --userspace --all --session normal"),
+              std::string("enable-event --userspace --all --session ring"), "save --output-path=" + folder / "saved"}) {
+            EXPECT_TRUE(Succeeds("lttng --no-sessiond " + command)) << command;
         }
-        for (std::thread& thread : threads) {
-            thread.join();
+        EXPECT_TRUE(SucceedsInChild([&] { EXPECT_TRUE(HasNoCancellationPoint(control)); }));
+        EXPECT_TRUE(Succeeds("kill " + folder.Read("pid")));
+        while (wait(nullptr) != -1) {
         }
-        EXPECT_EQ(OpenDescriptors(), open);
     }));
 }
 

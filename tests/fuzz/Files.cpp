@@ -11,25 +11,22 @@ using File = Kel::System::Ve::IFileService;
 // The steps are words: read COUNT, write TEXT, seek ORIGIN OFFSET.
 static const Target target("Files", [](std::istream& input) {
     static const TemporaryFolder folder;
-    const auto file = Kel::System::Ve::Adapters::Own(
-        Factory().CreateFile(folder / "file", File::FileMode::Create, File::FileAccess::ReadWrite, false));
+    const auto file =
+        Own(Factory().CreateFile(folder / "file", File::FileMode::Create, File::FileAccess::ReadWrite, false));
     std::string content;
     std::size_t position = 0;
-    std::string step;
-    std::string text;
-    while (input >> step >> text && position < 10000) {
+    for (std::string step, text; input >> step >> text && position < 10000;) {
         // Between reading and writing the position must be set.
         file->Seek(0, File::SeekOrigin::Current);
+        auto* const bytes = reinterpret_cast<unsigned char*>(text.data());
         if (step == "read") {
-            text.resize(text.size() % 10 * 100);
-            const std::string there = position < content.size() ? content.substr(position, text.size()) : "";
-            text.resize(file->Read(reinterpret_cast<unsigned char*>(text.data()), 0, text.size() & UINT_MAX));
+            const std::string there = content.substr(std::min(position, content.size()), text.size());
+            text.resize(file->Read(bytes, 0, text.size() & UINT_MAX));
             Require(text == there, "what is there is read");
             position += text.size();
         } else if (step == "write") {
             content.resize(std::max(content.size(), position + text.size()));
             content.replace(position, text.size(), text);
-            const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
             Require(file->Write(bytes, 0, text.size() & UINT_MAX) == text.size(), "what is given is written");
             position += text.size();
         } else if (unsigned int offset = 0; input >> offset) {

@@ -3,25 +3,9 @@
 
 #include "Fuzz.h"
 
-#include <fmt/args.h>
 #include <fmt/format.h>
 
 #include <climits>
-
-template <typename... Arguments>
-static void Compare(const std::string& format, const Arguments&... arguments) {
-    fmt::dynamic_format_arg_store<fmt::format_context> store;
-    (store.push_back(arguments), ...);
-    std::string expected;
-    try {
-        expected = fmt::vformat(format, store);
-    } catch (const fmt::format_error& error) {
-        expected = "Invalid String::Format(..) operation occurs with format string '" + format + "': " + error.what();
-    }
-    std::string message;
-    const std::string thrown = Thrown([&] { message = Kel::Exception(format.c_str(), arguments...).GetMessage(); });
-    Require(message + thrown == expected, "placeholders are replaced by their arguments, or what is refused is quoted");
-}
 
 static const Target target("Format", [](std::istream& input) {
     std::string format;
@@ -31,5 +15,17 @@ static const Target target("Format", [](std::istream& input) {
         digits = format[i] >= '0' && format[i] <= '9' ? digits + 1 : 0;
         format.resize(digits < 5 ? format.size() : i);
     }
-    Compare(format, "text", std::string("{0}"), -7, ULLONG_MAX, LLONG_MIN, 1.5F, -0.1, 'c', true);
+    const auto compare = [&](const auto&... arguments) {
+        std::string expected;
+        try {
+            expected = fmt::format(fmt::runtime(format), arguments...);
+        } catch (const fmt::format_error& error) {
+            expected =
+                "Invalid String::Format(..) operation occurs with format string '" + format + "': " + error.what();
+        }
+        std::string actual;
+        actual += Thrown([&] { actual = Kel::Exception(format.c_str(), arguments...).GetMessage(); });
+        Require(actual == expected, "placeholders are replaced by their arguments, or what is refused is quoted");
+    };
+    compare("text", std::string("{0}"), -7, ULLONG_MAX, LLONG_MIN, 1.5F, -0.1, 'c', true);
 });

@@ -8,11 +8,6 @@
 
 using Kel::System::Ve::Internal::ServiceFactory;
 
-std::map<std::string, Target::Run>& Target::All() {
-    static std::map<std::string, Run> all;
-    return all;
-}
-
 void Require(bool holds, const char* property) {
     if (!holds) {
         std::cerr << "This does not hold: " << property << std::endl;
@@ -21,10 +16,8 @@ void Require(bool holds, const char* property) {
 }
 
 ServiceFactory& Factory() {
-    // Never destroyed, and so no leak.
-    static auto& appDomain = *new Kel::AppDomain;
     if (Kel::Singleton<Kel::AppDomain>::pInstance == nullptr) {
-        Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
+        Kel::Singleton<Kel::AppDomain>::pInstance = new Kel::AppDomain;
         ServiceFactory::CreateServiceFactory();
     }
     return *ServiceFactory::GetInstance();
@@ -33,7 +26,7 @@ ServiceFactory& Factory() {
 // What the fuzzer calls. The environment names the target.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread.
-    static const auto target = Target::All().at(std::getenv("KEL_FUZZ_TARGET"));
+    static const auto target = Target::all.at(std::getenv("KEL_FUZZ_TARGET"));
     std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
     target(input);
     return 0;

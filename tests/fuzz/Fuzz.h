@@ -11,11 +11,13 @@
 #include <sstream>
 #include <string>
 
+using Kel::System::Ve::Adapters::Own;
+
 /// A target, known by the name of its source. A number that an input lacks is 0.
 struct Target {
     using Run = void (*)(std::istream& input);
-    Target(const char* name, Run run) { All()[name] = run; }
-    static std::map<std::string, Run>& All();
+    Target(const char* name, Run run) { all[name] = run; }
+    static inline std::map<std::string, Run> all;
 };
 
 /// Ends the process unless the property holds.

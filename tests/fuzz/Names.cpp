@@ -4,34 +4,30 @@
 
 #include <Kel/System/Ve/Internal/Linux/SocketService.h>
 
-using Kel::System::Ve::ISocketService;
-using Kel::System::Ve::Internal::Linux::SocketService;
+#include <cstring>
 
-static auto MakeSocket() {
-    return Kel::System::Ve::Adapters::Own(Factory().CreateSocket(ISocketService::SocketType::Datagram,
-                                                                 ISocketService::SocketDomain::Local,
-                                                                 ISocketService::SocketBlockingMode::NonBlocking));
-}
+using Service = Kel::System::Ve::Internal::Linux::SocketService;
 
 // The first line is the name that a socket is bound to, the second one that another connects to.
 static const Target target("Names", [](std::istream& input) {
-    std::string names[2];
-    std::getline(std::getline(input, names[0]), names[1]);
-    // A null ends a name.
-    const auto upToNull = [](const std::string& name) { return name.substr(0, name.find('\0')); };
-    const auto effective = [&](const std::string& name) { return upToNull(name).substr(0, 106); };
-    const auto bound = MakeSocket();
-    const bool isBound = bound->Bind(names[0]) == 0;
-    const bool isConnected = MakeSocket()->Connect(names[1]) == 0;
-    Require(!isBound || isConnected == (effective(names[0]) == effective(names[1])), "a name is connected to");
+    std::string name;
+    std::string other;
+    std::getline(std::getline(input, name), other);
+    Service bound(Service::SocketType::Datagram, Service::SocketDomain::Local, {}, true);
+    Service connecting(Service::SocketType::Datagram, Service::SocketDomain::Local, {}, true);
+    if (bound.Bind(name) == 0) {
+        // A null ends a name.
+        const bool isSame = std::strncmp(name.c_str(), other.c_str(), 106) == 0;
+        Require((connecting.Connect(other) == 0) == isSame, "a name is connected to");
+    }
 
-    std::string place(names[1].size() % 128, 'x');
+    std::string place(other.size() % 128, 'x');
     std::string expected = place;
     if (place.size() > 2) {
-        std::string text = upToNull(names[0]);
-        text.resize(place.size() - 2);
-        expected.replace(1, text.size(), text);
+        name = name.c_str();
+        name.resize(place.size() - 2);
+        expected.replace(1, name.size(), name);
     }
-    SocketService::MakeAbstract(place.data(), static_cast<unsigned int>(place.size()), names[0]);
+    Service::MakeAbstract(place.data(), static_cast<unsigned int>(place.size()), name);
     Require(place == expected, "a name lies between the first byte and the last");
 });

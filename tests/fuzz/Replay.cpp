@@ -6,13 +6,12 @@
 #include <fstream>
 #include <iostream>
 
-int main(int count, char** arguments) {
-    Require(count == 2, "the folder of the inputs is the only argument");
+int main(int /*count*/, char** arguments) {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(arguments[1])) {
         if (entry.is_regular_file()) {
             std::cout << entry.path() << std::endl;
             std::ifstream input(entry.path(), std::ios::binary);
-            Target::All().at(entry.path().parent_path().filename())(input);
+            Target::all.at(entry.path().parent_path().filename())(input);
         }
     }
 }

@@ -4,34 +4,28 @@
 
 #include <Kel/Core/RuntimeTypeInfo.h>
 
+#include <regex>
 #include <typeinfo>
 
-using Kel::RuntimeTypeInfo;
-
-namespace {
-
-class NamedType : public std::type_info {
-public:
+struct NamedType : std::type_info {
     explicit NamedType(const char* name) : std::type_info(name) {}
 };
 
-}  // namespace
+static bool HasKeyword(const std::string& text) {
+    static const std::regex keyword("(class|struct|enum) ");
+    return std::regex_search(text, keyword);
+}
 
 static const Target target("TypeName", [](std::istream& input) {
     std::string raw;
     std::getline(input, raw, '\0');
-    const std::string whole = RuntimeTypeInfo::DemangleSymbol(raw.c_str());
+    const std::string whole = Kel::RuntimeTypeInfo::DemangleSymbol(raw.c_str());
     std::string name;
-    const std::string thrown = Thrown([&] { name = RuntimeTypeInfo::GetTypeName(NamedType(("**" + raw).c_str())); });
     // One star at the front is left out by the standard library, one by ours.
+    const std::string starred = "**" + raw;
+    const std::string thrown = Thrown([&] { name = Kel::RuntimeTypeInfo::GetTypeName(NamedType(starred.c_str())); });
     Require(raw[0] == '*' || thrown == (whole.empty() ? "Demangling of type name '" + raw + "' failed." : ""),
             "a type has a name unless it cannot be demangled");
-    const auto contains = [](const std::string& text, const char* part) {
-        return text.find(part) != std::string::npos;
-    };
-    const auto hasKeyword = [&](const std::string& text) {
-        return contains(text, "class ") || contains(text, "struct ") || contains(text, "enum ");
-    };
-    Require(!hasKeyword(name), "no keyword is left");
-    Require(raw[0] == '*' || hasKeyword(whole) || name == whole, "nothing is changed beside");
+    Require(!HasKeyword(name), "no keyword is left");
+    Require(raw[0] == '*' || HasKeyword(whole) || name == whole, "nothing is changed beside");
 });

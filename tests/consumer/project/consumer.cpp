@@ -13,21 +13,11 @@
 #include <cstdlib>
 #include <iostream>
 
-using Kel::System::Ve::IServiceObject;
 using Kel::System::Ve::Adapters::Own;
 using Kel::System::Ve::Exceptions::VeException;
 using Kel::System::Ve::Internal::ServiceFactory;
 using Kel::System::Ve::Internal::Linux::MutexService;
 using Kel::System::Ve::Internal::Linux::SignalHandlerService;
-
-bool CatchesByType() {
-    try {
-        Own(ServiceFactory::GetInstance()->CreateMessageQueue("/no-such-queue", true));
-    } catch (const VeException&) {
-        return true;
-    }
-    return false;
-}
 
 Kel::BasicString trace;
 
@@ -42,17 +32,21 @@ Kel::BasicString trace;
     Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
     ServiceFactory::CreateServiceFactory();
     ServiceFactory* const factory = ServiceFactory::GetInstance();
+    bool isCaught = false;
+    try {
+        factory->CreateMessageQueue("/no-such-queue", true);
+    } catch (const VeException&) {
+        isCaught = true;
+    }
     auto mutex = Own(factory->CreateMutex(false));
-    IServiceObject* const object = mutex.get();
-    CallWithoutThrowing([]() noexcept { trace = VeException("taken").GetStackTrace(); });
     Own(factory->CreateSignalHandler())->Setup(nullptr, nullptr);
     struct sigaction action {};
     sigaction(SIGSEGV, nullptr, &action);
+    CallWithoutThrowing([]() noexcept { trace = VeException("taken").GetStackTrace(); });
     const std::pair<const char*, bool> checks[] = {
         {"host and library find the same factory", factory == appDomain.Find(typeid(ServiceFactory))},
-        {"an exception is caught by its type", CatchesByType()},
-        {"an object is known by its identity", factory->GetRegisteredServiceObjects().count(object) == 1},
-        {"an object is cast to its class", dynamic_cast<MutexService*>(object) != nullptr},
+        {"an exception is caught by its type", isCaught},
+        {"an object is cast to its class", dynamic_cast<MutexService*>(mutex.get()) != nullptr},
         {"a function has one address", action.sa_sigaction == &SignalHandlerService::StackTraceHandler},
         {"a stack trace names the host's functions", trace.find("main") != Kel::BasicString::npos},
     };
