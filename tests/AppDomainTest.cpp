@@ -13,17 +13,6 @@ TEST_F(AppDomainTest, OneOfSeveralGetsTheInstanceAndItsPlaceStaysTakenUntilItIsR
     EXPECT_TRUE(appDomain.Add(typeid(int), &instance));
 }
 
-struct LocalType : std::type_info {
-    explicit LocalType(const char* name) : std::type_info(name) {}
-};
-
-TEST_F(AppDomainTest, TypesThatAreLocalToSourceFilesMayHaveTheSameName) {
-    const char names[][3] = {"*T", "*T"};
-    const LocalType one(names[0]);
-    const LocalType other(names[1]);
-    EXPECT_TRUE(appDomain.Add(one, nullptr) && appDomain.Add(other, nullptr));
-}
-
 TEST(ServiceTypeTest, NumbersHaveNamesOrArePrintedThemselves) {
     std::istringstream names(
         "-1 Process SharedLibrary Semaphore Mutex Thread SharedMemory MessageQueue Socket 8 Timer RWLockService "
@@ -43,21 +32,6 @@ TEST(ServiceTypeTest, NumbersHaveNamesOrArePrintedThemselves) {
         ServiceType parsed{};
         EXPECT_FALSE(std::istringstream(other) >> parsed) << other;
     }
-}
-
-TEST(EnumDictionaryTest, ValueHasAnUndefinedOrNoText) {
-    enum class Level { Low, High };
-    const EnumDictionaryBase<Level> dictionary({{Level::Low, nullptr}}, "unknown");
-    Level level = Level::High;
-    std::stringstream stream;
-    dictionary.WriteEnumString(stream, level);
-    EXPECT_EQ(stream.str(), "unknown");
-    stream.clear();
-    dictionary.ReadEnumString(stream, level);
-    EXPECT_EQ(level, Level::High);
-    stream.clear();
-    dictionary.WriteEnumString(stream, Level::Low);
-    EXPECT_EQ(stream.rdstate(), std::ios_base::badbit);
 }
 
 }  // namespace

@@ -13,34 +13,11 @@ protected:
     struct Shared {
         IpcMutexService mutex;
         IpcCondVarService condition;
-        int turn = 0;
     };
     const SharedObject<Shared> shared;
     const std::unique_ptr<IMutexService> mutex{factory->CreateMutex(false)};
     const std::unique_ptr<ICondVariableService> condition{factory->CreateConditionVariable()};
 };
-
-TEST_F(ConditionVariableTest, WakesThreadsAndProcessesThatWait) {
-    // Whoever misses a notification waits for ever.
-    const auto takeTurns = [](auto& guarded, auto& changed, int& turn, int own) {
-        const MutexGuard guard(guarded);
-        for (int i = 0; i < 1000; ++i) {
-            while (turn != own) {
-                changed.Wait(guarded);
-            }
-            turn = 1 - own;
-            changed.NotifyOne();
-        }
-        return 0;
-    };
-    int turn = 0;
-    std::thread thread([&] { takeTurns(*mutex, *condition, turn, 1); });
-    takeTurns(*mutex, *condition, turn, 0);
-    thread.join();
-    Child child([&] { return takeTurns(shared->mutex, shared->condition, shared->turn, 1); });
-    takeTurns(shared->mutex, shared->condition, shared->turn, 0);
-    EXPECT_EQ(child.Wait(), 0);
-}
 
 TEST_F(ConditionVariableTest, TimedWaitsDoNotEndEarly) {
     const std::function<bool()> table[] = {

@@ -33,6 +33,9 @@ TEST_F(DeadlineTest, IsOnTheClockOfTheCallThatWaits) {
         {waitForCondition, [&] { return ipcCondition.WaitFor(ipcMutex, 1); }, 7501000000},
         {waitForCondition, [&] { return condition->WaitUntil(*mutex, SteadyTimePoint(milliseconds(1))); }, 1000000},
         {waitForCondition, [&] { return condition->WaitUntil(*mutex, SteadyTimePoint::min()); }, 0},
+        // As late as the system's own times go.
+        {waitForCondition, [&] { return condition->WaitUntil(*mutex, SteadyTimePoint::max()); },
+         sizeof(time_t) == 4 ? 2147483647854775807 : 9223372036854775807},
     };
     for (const auto& row : table) {
         long long deadline = -1;

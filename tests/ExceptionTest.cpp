@@ -111,21 +111,4 @@ TEST(StackTraceTest, LongNameNeedsNoStackToBeDemangled) {
     EXPECT_EQ(TraceOf({function, function + 5}), "   at: \r\n");
 }
 
-// A type whose name is not the compiler's.
-class NamedType : public std::type_info {
-public:
-    explicit NamedType(const char* name) : std::type_info(name) {}
-};
-
-TEST(RuntimeTypeInfoTest, NamesTypesAndSymbols) {
-    EXPECT_EQ(RuntimeTypeInfo::GetTypeName(NamedType("**i")), "int");
-    EXPECT_TRUE(ComesTo([] { return RuntimeTypeInfo::GetTypeName(NamedType("*no{0}name")); },
-                        "Exception: Demangling of type name 'no{0}name' failed."));
-    // What some compilers' names look like.
-    const Interposition names("__cxa_demangle", [](const Interposition::Arguments&) {
-        return reinterpret_cast<std::intptr_t>(strdup("class A<struct B, enum C>::class D"));
-    });
-    EXPECT_EQ(RuntimeTypeInfo::GetTypeName(typeid(int)), "A<B, C>::D");
-}
-
 }  // namespace

@@ -93,25 +93,6 @@ TEST_F(MessageQueueTest, OpensAsItIsTold) {
     EXPECT_TRUE(standard->IsBlocking() && Open(true)->IsBlocking());
 }
 
-TEST_F(MessageQueueTest, ClosedQueueTouchesNoOtherThatHasItsNumberOrItsName) {
-    const Queue closed = Make(true);
-    EXPECT_EQ(CountCallsOfTwo("mq_close", [&] { closed->Close(); }), 1);
-    // Gets the same number.
-    const Queue other = Open(true);
-    other->Send("other's", 7, 0, 0);
-    for (const unsigned long timeoutMs : {0UL, 9UL}) {
-        EXPECT_TRUE(ComesTo([&] { closed->Send("x", 1, 0, timeoutMs); }, notSent + "Bad file descriptor."));
-        EXPECT_TRUE(ComesTo([&] { Receive(*closed, timeoutMs); }, notReceived + "Bad file descriptor."));
-    }
-    EXPECT_TRUE(ComesTo([&] { closed->IsBlocking(); },
-                        "VeException: VeException in function 'GetAttributes'. Error Bad file descriptor"));
-    EXPECT_EQ(CountCallsOfTwo("mq_unlink", [&] { closed->Unlink(); }), 1);
-    const Queue successor = Make(true);
-    closed->Unlink();
-    EXPECT_EQ(CountCallsOfTwo("mq_close", [&] { other->Unlink(); }), 1);
-    EXPECT_EQ(mq_unlink(name.c_str()), -1);
-}
-
 TEST_F(MessageQueueTest, FailuresAreReported) {
     const Queue queue = Make(true);
     const auto receive = [&] { Receive(*queue); };

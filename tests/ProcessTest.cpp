@@ -34,28 +34,15 @@ protected:
     const TemporaryFolder folder;
 };
 
-std::string Repeated(const std::string& text, int times) {
-    std::string all;
-    for (int i = 0; i < times; ++i) {
-        all += text;
-    }
-    return all;
-}
-
 TEST_F(ProcessTest, ArgumentsAreSplitAtBlanksTabsAndLineFeeds) {
     const BasicString program = Program("for a; do printf '[%s]' \"$a\"; done");
-    for (const auto& [parameters, seen] : {std::pair<BasicString, std::string>("", ""),
-                                           {"  -a\t-b\n-c ", "[-a][-b][-c]"},
-                                           {" \t\n", ""},
-                                           {"\"a b\" 'c' d\\ e", "[\"a][b\"]['c'][d\\][e]"},
-                                           {"a\rb\vc", "[a\rb\vc]"},
-                                           {std::string("a\0b", 3), "[a][b]"},
-                                           {Repeated("x ", 1023), Repeated("[x]", 1023)},
-                                           {Repeated("x ", 1500), Repeated("[x]", 1500)}}) {
-        EXPECT_EQ(ExitCodeOf(program, parameters), 0);
-        EXPECT_EQ(folder.Read("output"), seen);
+    EXPECT_EQ(ExitCodeOf(program, "  -a\t\"b\n-c\" "), 0);
+    EXPECT_EQ(folder.Read("output"), "[-a][\"b][-c\"]");
+    std::string many;
+    for (int i = 0; i < 60000; ++i) {
+        many += "x ";
     }
-    EXPECT_EQ(ExitCodeOf(Program("test $# = 60000 && exit 4"), Repeated("x ", 60000)), 4);
+    EXPECT_EQ(ExitCodeOf(Program("test $# = 60000 && exit 4"), many), 4);
 }
 
 TEST_F(ProcessTest, ExitCodeIsThatOfTheProgram) {

@@ -7,31 +7,6 @@ protected:
     RWLockService lock;
 };
 
-TEST_F(RWLockTest, IsHeldByManyReadersOrOneWriter) {
-    const std::pair<bool, std::function<void()>> table[] = {
-        {true, [&] { lock.AcquireReadLock(); }},
-        {true, [&] { EXPECT_TRUE(lock.TryAcquireReadLock()); }},
-        {true, [&] { EXPECT_TRUE(lock.TimedAcquireReadLock(0)); }},
-        {false, [&] { lock.AcquireWriteLock(); }},
-        {false, [&] { EXPECT_TRUE(lock.TryAcquireWriteLock()); }},
-        {false, [&] { EXPECT_TRUE(lock.TimedAcquireWriteLock(0)); }},
-    };
-    for (const auto& [isShared, acquire] : table) {
-        acquire();
-        std::thread([&, isShared = isShared] {
-            EXPECT_FALSE(lock.TryAcquireWriteLock());
-            EXPECT_FALSE(lock.TimedAcquireWriteLock(1));
-            for (const bool acquired : {lock.TimedAcquireReadLock(1), lock.TryAcquireReadLock()}) {
-                EXPECT_EQ(acquired, isShared);
-                if (acquired) {
-                    lock.ReleaseReadLock();
-                }
-            }
-        }).join();
-        lock.ReleaseWriteLock();
-    }
-}
-
 TEST_F(RWLockTest, FailuresAreReported) {
     lock.AcquireWriteLock();
     RWLockService ended;

@@ -13,19 +13,6 @@ protected:
     SemaphoreService unnamed{1};
 };
 
-TEST_F(SemaphoreTest, Counts) {
-    SemaphoreService semaphore(2);
-    EXPECT_EQ(semaphore.GetName(), "");
-    EXPECT_TRUE(semaphore.Wait(1));
-    EXPECT_EQ(semaphore.GetValue(), 1);
-    EXPECT_TRUE(semaphore.TryWait());
-    EXPECT_FALSE(semaphore.TryWait());
-    EXPECT_FALSE(semaphore.TimedWait(0));
-    EXPECT_FALSE(semaphore.Wait(1));
-    semaphore.Post();
-    EXPECT_TRUE(semaphore.Wait(0));
-}
-
 TEST_F(SemaphoreTest, WaitIsACancellationPointAlsoWhenItDoesNotWait) {
     EXPECT_FALSE(HasNoCancellationPoint([&] { unnamed.Wait(1); }));
     EXPECT_EQ(unnamed.GetValue(), 1);

@@ -61,20 +61,6 @@ TEST_F(NoFactoryTest, FactoryThatCannotBeMadeLeavesNothing) {
     });
 }
 
-TEST_F(NoFactoryTest, FactoryWithoutItsMutexRegistersNothing) {
-    const std::string noMutex = ": Mutex not initialized yet.";
-    alignas(LinuxServiceFactory) std::byte storage[sizeof(LinuxServiceFactory)];
-    auto* const unfinished = reinterpret_cast<ServiceFactory*>(storage);
-    const Interposition init("pthread_mutex_init", [&](const Interposition::Arguments&) {
-        const auto registration = [&] { unfinished->RegisterServiceObject(nullptr); };
-        EXPECT_TRUE(ComesTo(registration, "VeException: RegisterServiceObject" + noMutex));
-        const auto release = [&] { unfinished->ReleaseServiceObject(nullptr); };
-        EXPECT_TRUE(ComesTo(release, "VeException: ReleaseServiceObject" + noMutex));
-        return EINVAL;
-    });
-    EXPECT_THROW(new (storage) LinuxServiceFactory, VeException);
-}
-
 TEST_F(ServiceFactoryTest, MakesEachServiceOrLeavesNothing) {
     const BasicString name = UniqueName("of-whatever-the-factory-makes");
     const auto open = IFileService::FileMode::Open;
@@ -206,24 +192,6 @@ TEST_F(ServiceFactoryTest, ReportEndsAtATypeWithoutName) {
                         "Exception: Invalid value for Enum 'Kel::System::Ve::ServiceType' occurs: 18"));
     EXPECT_TRUE(std::cout.good());
     std::cout << std::dec;
-}
-
-// As in a handler that the host has registered before anything else was made.
-TEST_F(NoFactoryTest, ObjectsAreReportedAtTheVeryEndOfTheProcessAndCannotBeDeletedAfterwards) {
-    static IMutexService* mutex;
-    const std::string output = OutputOf([] {
-        Child child([]() -> int {
-            static_cast<void>(std::atexit([] {
-                ServiceFactory::DisposeServiceFactory();
-                delete mutex;
-            }));
-            ServiceFactory::CreateServiceFactory();
-            mutex = ServiceFactory::GetInstance()->CreateMutex(false);
-            std::exit(EXIT_SUCCESS);  // NOLINT(concurrency-mt-unsafe): there is no other thread.
-        });
-        EXPECT_EQ(child.Wait(), 128 + SIGABRT);
-    });
-    EXPECT_NE(output.find(" of type 'Mutex' was not destroyed.\n"), std::string::npos) << output;
 }
 
 }  // namespace

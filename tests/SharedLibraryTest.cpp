@@ -26,8 +26,6 @@ Ranges SegmentsAround(void* function) {
     return segments;
 }
 
-std::function<void()> whileLibraryIsLoaded;
-
 class SharedLibraryTest : public FactoryTest {
 protected:
     std::unique_ptr<ISharedLibraryService> Make() { return Own(factory->CreateSharedLibrary()); }
@@ -107,28 +105,4 @@ TEST_F(SharedLibraryTest, FailuresAreReported) {
     EXPECT_NE(library->GetFunctionAddress("PluginAnswer"), nullptr);
 }
 
-// The loader keeps its lock for as long as the library's own code runs.
-TEST_F(SharedLibraryTest, LoadingAndUnloadingLetThreadsStartAndAreNotCancelled) {
-    int times = 0;
-    whileLibraryIsLoaded = [&] {
-        const auto thread = Own(factory->CreateThread([](void* /*argument*/) -> void* { return nullptr; }));
-        thread->StartThread();
-        thread->Join();
-        pthread_testcancel();
-        ++times;
-    };
-    EXPECT_TRUE(HasNoCancellationPoint([&] {
-        library->Load(plugin);
-        library->Unload();
-    }));
-    whileLibraryIsLoaded = nullptr;
-    EXPECT_EQ(times, 2);
-}
-
 }  // namespace
-
-extern "C" void WhileLibraryIsLoaded() {
-    if (whileLibraryIsLoaded) {
-        whileLibraryIsLoaded();
-    }
-}

@@ -66,17 +66,6 @@ TEST_F(SharedMemoryTest, ClosingKeepsTheNameAndUnlinkingTheDescriptor) {
     EXPECT_EQ(close(descriptor), 0);
 }
 
-TEST_F(SharedMemoryTest, DescriptorZeroCountsAsNone) {
-    EXPECT_TRUE(SucceedsInChild([this] {
-        close(0);
-        const auto memory = Make(Mode::Create);
-        memory->Close();
-        memory->Unlink();
-        EXPECT_NE(fcntl(0, F_GETFD), -1);
-        EXPECT_TRUE(NameExists());
-    }));
-}
-
 TEST_F(SharedMemoryTest, FailuresAreReported) {
     const std::string memory = ": Shared Memory <" + name + "> could not be ";
     const int descriptor = NextDescriptor();

@@ -160,14 +160,6 @@ TEST(ThrowHandlerTest, CrashBecomesAnExceptionInItsThread) {
     }));
 }
 
-TEST(ThrowHandlerTest, WithoutCallbackNothingIsThrown) {
-    siginfo_t info{};
-    SignalHandlerService::pThrowExceptionCallback = nullptr;
-    SignalHandlerService::ThrowException();
-    SignalHandlerService::ThrowHandler(SIGILL, &info, nullptr);
-    EXPECT_EQ(SignalHandlerService::exceptionCode, SIGILL);
-}
-
 // Elsewhere the system itself restores how it calculates.
 #if defined(__x86_64__)
 TEST(ThrowHandlerTest, ProgramGoesOnAsItDid) {

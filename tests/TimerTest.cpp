@@ -258,19 +258,16 @@ TEST_F(TimerTest, DeletionIsNotCancelledWhileItWaits) {
 }
 
 TEST(LatencyTargetTest, IsZeroAndStaysOpenButNotInChildren) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
+    const TemporaryFolder folder;
+    int device = open((folder / "device").c_str(), O_RDWR | O_CREAT, 0600);
     const Interposition opened("open", [&](const auto& arguments) {
         EXPECT_STREQ(Interposition::Pointer<const char>(arguments[0]), "/dev/cpu_dma_latency");
         EXPECT_EQ(arguments[1], O_RDWR | O_CLOEXEC);
-        return ends[1];
+        return device;
     });
     TimerService::SetLatencyTarget();
-    std::int32_t microseconds = -1;
-    EXPECT_EQ(read(ends[0], &microseconds, sizeof microseconds), 4);
-    EXPECT_EQ(microseconds, 0);
-    EXPECT_EQ(close(ends[1]), 0);
-    close(ends[0]);
+    EXPECT_EQ(folder.Read("device"), std::string(4, '\0'));
+    EXPECT_EQ(close(device), 0);
     EXPECT_TRUE(ComesTo(&TimerService::SetLatencyTarget,
                         "VeException: SetLatencyTarget: Could not write 0 cpu_dma latency: Bad file descriptor"));
 }
