@@ -117,6 +117,14 @@ TEST_F(TraceControllerTest, ThreadsUseTheControlLibraryOneByOne) {
     other.join();
 }
 
+TEST_F(TraceControllerTest, DaemonThatClosesTheConnectionDoesNotEndTheProcess) {
+    const Interposition call("lttng_list_sessions", [](const auto& /*arguments*/) {
+        raise(SIGPIPE);
+        return -1;
+    });
+    EXPECT_THROW(controller->ListSessions(), VeException);
+}
+
 TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {
     if (IsEmulated() || !Succeeds("lttng-sessiond --version")) {
         GTEST_SKIP() << "needs lttng-sessiond (package lttng-tools) of this program's own machine";
