@@ -90,6 +90,7 @@ TEST_F(FileTest, ReadsWritesAndSeeks) {
     EXPECT_EQ(Content(), "0123456789");
     EXPECT_EQ(file->Seek(2, SeekOrigin::Begin), 2);
     EXPECT_EQ(Read(*file), "23456789");
+    EXPECT_EQ(file->Seek(2, SeekOrigin::Current), 12);
     EXPECT_EQ(file->Seek(1, static_cast<SeekOrigin>(0)), 11);
     EXPECT_TRUE(
         ComesTo([&] { file->Seek(0x80000000, SeekOrigin::Begin); }, "VeException: Seek: Offset out of range. Seek"));

@@ -4,21 +4,6 @@ namespace {
 
 using MutexTest = FactoryTest;
 
-TEST_F(MutexTest, ExcludesOtherThreadsUntilUnlockedAsOftenAsLocked) {
-    for (const bool isRecursive : {false, true}) {
-        const auto mutex = Own(factory->CreateMutex(isRecursive));
-        EXPECT_EQ(mutex->IsRecursive(), isRecursive);
-        mutex->Lock();
-        EXPECT_EQ(mutex->TryLock(), isRecursive);
-        EXPECT_EQ(mutex->TimedLock(0), isRecursive ? 0 : -1);
-        for (int i = isRecursive ? 3 : 1; i > 0; --i) {
-            std::thread([&] { EXPECT_FALSE(mutex->TryLock()); }).join();
-            mutex->Unlock();
-        }
-        std::thread([&] { const MutexGuard guard(*mutex); }).join();
-    }
-}
-
 TEST_F(MutexTest, IsMadeForItsUsersAndDestroyedOnceIfItWasMade) {
     const auto setting = [](const char* function, const std::function<void()>& make) {
         return static_cast<int>(CallsOf(function, make).at(0)[1]);

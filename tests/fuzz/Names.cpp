@@ -8,17 +8,20 @@
 
 using Service = Kel::System::Ve::Internal::Linux::SocketService;
 
+static auto MakeSocket() {
+    return Own(Factory().CreateSocket(Service::SocketType::Datagram, Service::SocketDomain::Local, {}));
+}
+
 // The first line is the name that a socket is bound to, the second one that another connects to.
 static const Target target("Names", [](std::istream& input) {
     std::string name;
     std::string other;
     std::getline(std::getline(input, name), other);
-    Service bound(Service::SocketType::Datagram, Service::SocketDomain::Local, {}, true);
-    Service connecting(Service::SocketType::Datagram, Service::SocketDomain::Local, {}, true);
-    if (bound.Bind(name) == 0) {
+    const auto bound = MakeSocket();
+    if (bound->Bind(name) == 0) {
         // A null ends a name.
         const bool isSame = std::strncmp(name.c_str(), other.c_str(), 106) == 0;
-        Require((connecting.Connect(other) == 0) == isSame, "a name is connected to");
+        Require((MakeSocket()->Connect(other) == 0) == isSame, "a name is connected to");
     }
 
     std::string place(other.size() % 128, 'x');
