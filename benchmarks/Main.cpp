@@ -25,7 +25,7 @@ int main(int count, char** arguments) {
     }
     // The C library takes short cuts until a program has started its first thread.
     std::thread([] {}).join();
-    const FactoryScope factory;
+    const Runtime runtime;
     RegisterLocks();
     RegisterWaiting();
     RegisterThreads();

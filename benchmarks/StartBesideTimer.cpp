@@ -121,6 +121,6 @@ void Measure(const std::string& way, std::chrono::seconds duration) {
 
 int main(int count, char** arguments) {
     Expect(count == 3);
-    const FactoryScope factory;
+    const Runtime runtime;
     Measure(arguments[1], std::chrono::seconds(std::atoi(arguments[2])));
 }

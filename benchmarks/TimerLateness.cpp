@@ -107,7 +107,7 @@ int main(int count, char** arguments) {
     const auto number = [arguments](int index) { return static_cast<unsigned int>(std::atoi(arguments[index])); };
     // As cyclictest does. Without the right to it, it is measured all the same.
     static_cast<void>(mlockall(MCL_CURRENT | MCL_FUTURE));
-    const FactoryScope factory;
+    const Runtime runtime;
     Calls calls(number(4) + std::size_t{1});
     (std::strcmp(arguments[1], "library") == 0 ? &RunLibrary : &RunBare)(calls, number(2), number(3));
     for (std::size_t i = 1; i < calls.times.size(); ++i) {

@@ -1,9 +1,8 @@
 // A control loop: a timer calls it every millisecond, with real-time priority where that is permitted. It brings a
 // motor to its speed. What it needs is allocated before it starts; it neither allocates nor prints nor waits.
 
-#include "Host.h"
-
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 
 #include <algorithm>
@@ -92,4 +91,7 @@ bool Run(ServiceFactory& factory) {
 
 }  // namespace
 
-int main() { return RunExample(&Run); }
+int main() {
+    const Adapters::Runtime runtime;
+    return Run(*runtime) ? 0 : 1;
+}

@@ -1,8 +1,7 @@
 // A crash report that survives the process: what has to be there when it crashes is made ready at the start.
 
-#include "Host.h"
-
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 #include <Kel/System/Ve/Internal/FileServiceBase.h>
 
 #include <fcntl.h>
@@ -69,4 +68,7 @@ bool Run(ServiceFactory& factory) {
 
 }  // namespace
 
-int main() { return RunExample(&Run); }
+int main() {
+    const Adapters::Runtime runtime;
+    return Run(*runtime) ? 0 : 1;
+}

@@ -1,9 +1,8 @@
 // A connection is made within a time limit: the socket does not block, the thread waits with Select, and Connect,
 // called a second time, gives the outcome.
 
-#include "Host.h"
-
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 
 #include <arpa/inet.h>
 
@@ -57,4 +56,7 @@ bool Run(ServiceFactory& factory) {
 
 }  // namespace
 
-int main() { return RunExample(&Run); }
+int main() {
+    const Adapters::Runtime runtime;
+    return Run(*runtime) ? 0 : 1;
+}

@@ -1,9 +1,8 @@
 // Messages between processes: a sensor's process sends its readings and, last, an alarm, and ends. The queue keeps
 // them, and the alarm comes first.
 
-#include "Host.h"
-
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -85,4 +84,7 @@ bool Run(ServiceFactory& factory) {
 
 }  // namespace
 
-int main() { return RunExample(&Run); }
+int main() {
+    const Adapters::Runtime runtime;
+    return Run(*runtime) ? 0 : 1;
+}

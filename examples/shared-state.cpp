@@ -1,9 +1,8 @@
 // Two processes share state: a mutex, a condition variable and what they guard lie in memory that has a name. A process
 // that dies while it holds the mutex does not stop the other, which is told and mends what was half changed.
 
-#include "Host.h"
-
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/Linux/IpcCondVarService.h>
 #include <Kel/System/Ve/Internal/Linux/IpcMutexService.h>
@@ -105,4 +104,7 @@ bool Run(ServiceFactory& factory) {
 
 }  // namespace
 
-int main() { return RunExample(&Run); }
+int main() {
+    const Adapters::Runtime runtime;
+    return Run(*runtime) ? 0 : 1;
+}

@@ -2,9 +2,8 @@
 // line has to arrive, and its answer to be taken, within a time limit, and at the end each socket is shut down, which
 // wakes whoever waits for it.
 
-#include "Host.h"
-
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 #include <Kel/System/Ve/Adapters/Timeout.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/ThreadServiceBase.h>
@@ -149,4 +148,7 @@ bool Run(ServiceFactory& factory) {
 
 }  // namespace
 
-int main() { return RunExample(&Run); }
+int main() {
+    const Adapters::Runtime runtime;
+    return Run(*runtime) ? 0 : 1;
+}

@@ -1,9 +1,8 @@
 // A pool of threads that take jobs from a queue, under a mutex and a condition variable.
 
-#include "Host.h"
-
 #include <Kel/System/Ve/Adapters/Lockable.h>
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 #include <Kel/System/Ve/Adapters/Wait.h>
 
 #include <functional>
@@ -114,4 +113,7 @@ bool Run(ServiceFactory& factory) {
 
 }  // namespace
 
-int main() { return RunExample(&Run); }
+int main() {
+    const Adapters::Runtime runtime;
+    return Run(*runtime) ? 0 : 1;
+}

@@ -1,6 +1,7 @@
 #include "support/Test.h"
 
 #include <Kel/System/Ve/Adapters/Lockable.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 #include <Kel/System/Ve/Adapters/SharedLockable.h>
 #include <Kel/System/Ve/Adapters/Wait.h>
 
@@ -133,6 +134,16 @@ TEST_F(AdaptersTest, WaitThatFailsLeavesTheLockAsTheMutexIs) {
     std::unique_lock unlocked(recursive);
     EXPECT_THROW(Wait(*condition, unlocked, never), VeException);
     EXPECT_FALSE(unlocked.owns_lock());
+}
+
+TEST(RuntimeTest, IsOneAtATimeAndLeavesNothingWhenItFails) {
+    for (int i = 0; i < 2; ++i) {
+        const FailingCall making("pthread_mutex_init");
+        EXPECT_THROW(Runtime(), VeException);
+        const Runtime runtime;
+        EXPECT_TRUE(ComesTo([] { Runtime(); }, "Exception: Runtime: The process has an AppDomain already."));
+        EXPECT_TRUE(Own(runtime->CreateMutex(false)) && &*runtime == ServiceFactory::GetInstance());
+    }
 }
 
 }  // namespace

@@ -1,38 +1,18 @@
 #include "Program.h"
 
-#include <Kel/Core/AppDomain.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 
 #include <exception>
 #include <iostream>
 
 using Kel::System::Ve::Internal::ServiceFactory;
 
-namespace {
-
-// For the time of the work.
-class Library {
-public:
-    Library() {
-        Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
-        ServiceFactory::CreateServiceFactory();
-    }
-    ~Library() { ServiceFactory::DisposeServiceFactory(); }
-
-    Library(const Library&) = delete;
-    Library& operator=(const Library&) = delete;
-
-private:
-    Kel::AppDomain appDomain;
-};
-
-}  // namespace
-
 int Run(const Options& options, int argumentCount, char** arguments, const std::function<int(ServiceFactory&)>& work) {
     try {
         int exitCode = 0;
         if (options.Parse(argumentCount, arguments)) {
-            const Library library;
-            exitCode = work(*ServiceFactory::GetInstance());
+            const Kel::System::Ve::Adapters::Runtime runtime;
+            exitCode = work(*runtime);
         } else {
             std::cout << options.GetUsage();
         }

@@ -1,6 +1,6 @@
 #include "Fuzz.h"
 
-#include <Kel/Core/AppDomain.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -16,11 +16,8 @@ void Require(bool holds, const char* property) {
 }
 
 ServiceFactory& Factory() {
-    if (Kel::Singleton<Kel::AppDomain>::pInstance == nullptr) {
-        Kel::Singleton<Kel::AppDomain>::pInstance = new Kel::AppDomain;
-        ServiceFactory::CreateServiceFactory();
-    }
-    return *ServiceFactory::GetInstance();
+    static const Kel::System::Ve::Adapters::Runtime runtime;
+    return *runtime;
 }
 
 // What the fuzzer calls. The environment names the target.

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <new>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -144,10 +145,10 @@ std::intptr_t FailureOf(std::string_view function, int errorNumber) {
         return errorNumber != 0 ? errorNumber : EINVAL;
     }
     errno = errorNumber != 0 ? errorNumber : EACCES;
-    for (const char* const returnsNull : {"sem_open", "fopen", "fdopen", "dlopen", "lttng_load_session_attr_create"}) {
-        if (function == returnsNull) {
-            return 0;
-        }
+    static const std::set<std::string_view> returnNull{"sem_open", "fopen", "fdopen", "dlopen",
+                                                       "lttng_load_session_attr_create"};
+    if (returnNull.count(function) != 0) {
+        return 0;
     }
     return function.substr(0, 6) == "lttng_" ? -errno : -1;
 }

@@ -10,10 +10,7 @@
 #include "TemporaryFolder.h"
 
 #include <Kel/Core/AppDomain.h>
-#include <Kel/Core/AppDomainSingleton.h>
 #include <Kel/Core/BasicString.h>
-#include <Kel/Core/BasicStringFormatExceptionHandler.h>
-#include <Kel/Core/BasicVersion.h>
 #include <Kel/Core/Exception.h>
 #include <Kel/Core/RuntimeTypeInfo.h>
 #include <Kel/System/Ve/Adapters/Owned.h>

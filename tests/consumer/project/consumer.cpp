@@ -3,6 +3,7 @@
 
 #include <Kel/Core/AppDomain.h>
 #include <Kel/System/Ve/Adapters/Owned.h>
+#include <Kel/System/Ve/Adapters/Runtime.h>
 #include <Kel/System/Ve/Exceptions/VeException.h>
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
 #include <Kel/System/Ve/Internal/Linux/SignalHandlerService.h>
@@ -28,23 +29,21 @@ Kel::BasicString trace;
 }
 
 [[gnu::visibility("default")]] int main() {
-    Kel::AppDomain appDomain;
-    Kel::Singleton<Kel::AppDomain>::pInstance = &appDomain;
-    ServiceFactory::CreateServiceFactory();
-    ServiceFactory* const factory = ServiceFactory::GetInstance();
+    const Kel::System::Ve::Adapters::Runtime runtime;
     bool isCaught = false;
     try {
-        factory->CreateMessageQueue("/no-such-queue", true);
+        runtime->CreateMessageQueue("/no-such-queue", true);
     } catch (const VeException&) {
         isCaught = true;
     }
-    auto mutex = Own(factory->CreateMutex(false));
-    Own(factory->CreateSignalHandler())->Setup(nullptr, nullptr);
+    const auto mutex = Own(runtime->CreateMutex(false));
+    Own(runtime->CreateSignalHandler())->Setup(nullptr, nullptr);
     struct sigaction action {};
     sigaction(SIGSEGV, nullptr, &action);
     CallWithoutThrowing([]() noexcept { trace = VeException("taken").GetStackTrace(); });
     const std::pair<const char*, bool> checks[] = {
-        {"host and library find the same factory", factory == appDomain.Find(typeid(ServiceFactory))},
+        {"host and library find the same factory",
+         &*runtime == Kel::Singleton<Kel::AppDomain>::pInstance->Find(typeid(ServiceFactory))},
         {"an exception is caught by its type", isCaught},
         {"an object is cast to its class", dynamic_cast<MutexService*>(mutex.get()) != nullptr},
         {"a function has one address", action.sa_sigaction == &SignalHandlerService::StackTraceHandler},
@@ -55,7 +54,5 @@ Kel::BasicString trace;
         std::cout << (holds ? "ok: " : "FAILED: ") << what << '\n';
         succeeded = succeeded && holds;
     }
-    mutex.reset();
-    ServiceFactory::DisposeServiceFactory();
     return succeeded ? EXIT_SUCCESS : EXIT_FAILURE;
 }
