@@ -4,7 +4,8 @@
 
 #include <Kel/Core/RuntimeTypeInfo.h>
 
-#include <regex>
+#include <algorithm>
+#include <iterator>
 #include <typeinfo>
 
 struct NamedType : std::type_info {
@@ -12,8 +13,9 @@ struct NamedType : std::type_info {
 };
 
 static bool HasKeyword(const std::string& text) {
-    static const std::regex keyword("(class|struct|enum) ");
-    return std::regex_search(text, keyword);
+    const char* const keywords[] = {"class ", "struct ", "enum "};
+    return std::any_of(std::begin(keywords), std::end(keywords),
+                       [&](const char* keyword) { return text.find(keyword) != std::string::npos; });
 }
 
 static const Target target("TypeName", [](std::istream& input) {
