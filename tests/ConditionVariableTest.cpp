@@ -23,10 +23,12 @@ TEST_F(ConditionVariableTest, TimedWaitsDoNotEndEarly) {
     const std::function<bool()> table[] = {
         [&] { return condition->WaitFor(*mutex, 30); },
         [&] { return condition->WaitUntil(*mutex, steady_clock::now() + milliseconds(30)); },
-        [&] { return shared->condition.WaitFor(shared->mutex, 30); },
+        [&] {
+            const MutexGuard guard(shared->mutex);
+            return shared->condition.WaitFor(shared->mutex, 30);
+        },
     };
     const MutexGuard guard(*mutex);
-    const MutexGuard sharedGuard(shared->mutex);
     for (const auto& wait : table) {
         // Nobody notifies, but a wait may end without reason.
         EXPECT_TRUE(Takes(milliseconds(30), [&] { WaitUntil([&] { return !wait(); }); }));
