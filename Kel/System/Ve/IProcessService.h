@@ -16,9 +16,9 @@ namespace Kel::System::Ve {
 /// (as HasExited tells). What fails after that is not thrown: a child that cannot reach its directory or its program
 /// ends with exit code 1, and when the system can make no process, HasExited is true.
 ///
-/// The child inherits the scheduling, the processors, the timer slack (that of a timer's thread is 1 ns) and the blocked
-/// signals of the thread that starts it, and the process's descriptors, standard streams included, but for those that
-/// close on exec, as all of the library's do. A program of one's own resets the scheduling by
+/// The child inherits the scheduling, the processors, the timer slack (that of a timer's thread is 1 ns) and the
+/// blocked signals of the thread that starts it, and the process's descriptors, standard streams included, but for
+/// those that close on exec, as all of the library's do. A program of one's own resets the scheduling by
 /// `ProcessServiceBase::SetupCurrentProcess(0)`; docs/guide.md tells the rest.
 class KEL_API IProcessService : public virtual IServiceObject {
 public:

@@ -7,9 +7,9 @@
 namespace Kel::System::Ve {
 
 /// A counting semaphore, either unnamed, for the threads of one process, or named, for all processes that know the
-/// name. Whoever creates a named semaphore removes the name when deleting the object, which ends the process if somebody
-/// else has removed it; those who have opened the semaphore go on using it. All operations may be called from any thread. Only Wait may wait, and only Wait is a cancellation point.
-/// What fails throws VeException.
+/// name. Whoever creates a named semaphore removes the name when deleting the object, which ends the process if
+/// somebody else has removed it; those who have opened the semaphore go on using it. All operations may be called from
+/// any thread. Only Wait may wait, and only Wait is a cancellation point. What fails throws VeException.
 class KEL_API ISemaphoreService : public virtual IServiceObject {
 public:
     /// Returns the name; empty for an unnamed semaphore.

@@ -48,7 +48,8 @@ public:
     /// Sets the name, cut to 15 characters.
     virtual void SetName(const BasicString& name) = 0;
 
-    /// Sets the function, for the next start. What it returns is not kept; an exception that leaves it ends the process.
+    /// Sets the function, for the next start. What it returns is not kept; an exception that leaves it ends the
+    /// process.
     virtual void SetThreadFunction(void* (*function)(void*)) = 0;
 
     /// @{
