@@ -4,68 +4,56 @@ namespace {
 
 class KilledPeerTest : public FactoryTest {
 protected:
-    struct Shared {
-        IpcMutexService mutex;
-        IpcCondVarService changed;
-    };
-
     void SetUp() override {
         if (IsEmulated()) {
             GTEST_SKIP() << "user-mode emulation keeps no list of the mutexes that a process holds";
         }
-        shared->mutex.Init(false);
+        mutex->Init(false);
     }
 
-    void KillHolder(const std::function<void()>& lastDeed = [] {}) {
-        Child holder([&] {
-            shared->mutex.Lock();
-            lastDeed();
+    void KillHolder() {
+        Child([this] {
+            mutex->Lock();
             return raise(SIGKILL);
-        });
-        holder.Wait();
+        }).Wait();
     }
 
-    // The mutex is as good as any, and nobody holds it.
-    void ExpectFree() {
-        EXPECT_TRUE(shared->mutex.TryLock());
-        shared->mutex.Unlock();
-    }
-
-    const SharedObject<Shared> shared;
+    SharedObject<IpcMutexService> mutex;
+    SharedObject<IpcCondVarService> changed;
 };
 
 TEST_F(KilledPeerTest, NextWhoAcquiresTheMutexIsToldAndDoesNotHoldIt) {
     const std::pair<Operation, std::string> table[] = {
-        {[&] { shared->mutex.Lock(); }, "VeException: Lock: Mutex could not be locked: Owner died"},
-        {[&] { shared->mutex.TryLock(); }, "VeException: TryLock: Mutex could not be trylocked: Owner died"},
-        {[&] { shared->mutex.TimedLock(1); }, "VeException: TimedLock: Mutex could not be timelocked: Owner died"},
+        {[&] { mutex->Lock(); }, "VeException: Lock: Mutex could not be locked: Owner died"},
+        {[&] { mutex->TryLock(); }, "VeException: TryLock: Mutex could not be trylocked: Owner died"},
+        {[&] { mutex->TimedLock(1); }, "VeException: TimedLock: Mutex could not be timelocked: Owner died"},
     };
     for (const auto& [acquire, outcome] : table) {
         KillHolder();
         EXPECT_TRUE(ComesTo(acquire, outcome));
-        ExpectFree();
+        // It is as good as any, and nobody holds it.
+        EXPECT_TRUE(mutex->TryLock());
+        mutex->Unlock();
     }
 }
 
 TEST_F(KilledPeerTest, WaitForAConditionEndsWithTheMutexHeldAndGood) {
-    const Operation waits[] = {[&] { shared->changed.Wait(shared->mutex); },
-                               [&] { shared->changed.WaitFor(shared->mutex, 60000); }};
-    for (const auto& wait : waits) {
-        const auto waitInThread = [&] {
-            const MutexGuard guard(shared->mutex);
+    std::thread waiter;
+    const std::pair<Operation, std::function<void()>> table[] = {
+        {[&] { changed->WaitFor(*mutex, 60000); }, [&] { changed->NotifyAll(); }},
+        {[&] { changed->Wait(*mutex); }, [&] { pthread_cancel(waiter.native_handle()); }},
+    };
+    for (const auto& [wait, end] : table) {
+        waiter = Sleeping([&, wait = wait] {
+            // Would fail to unlock a mutex that it does not hold.
+            const MutexGuard guard(*mutex);
             EXPECT_TRUE(ComesTo(wait, "VeException: Owner died"));
-            EXPECT_FALSE(shared->mutex.TryLock());
-        };
-        std::thread told = Sleeping(waitInThread);
-        KillHolder([&] { shared->changed.NotifyAll(); });
-        told.join();
-        ExpectFree();
-
-        std::thread cancelled = Sleeping(waitInThread);
+        });
         KillHolder();
-        pthread_cancel(cancelled.native_handle());
-        cancelled.join();
-        ExpectFree();
+        end();
+        waiter.join();
+        EXPECT_TRUE(mutex->TryLock());
+        mutex->Unlock();
     }
 }
 

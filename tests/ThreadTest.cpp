@@ -1,38 +1,12 @@
-#include "support/Test.h"
-
-#include <list>
-
-// The name of the function tells the type. Not in a namespace without a name: a stack trace has the names that a
-// program exports.
-template <typename T>
-[[gnu::noinline]] void FailUnderALongName() {
-    EXPECT_TRUE(ComesTo([] { return ServiceFactory::GetInstance()->CreateMessageQueue("/no-such-queue", true); },
-                        "VeException: 'MessageQueueService' Cannot open message queue /no-such-queue. Error No such "
-                        "file or directory."));
-}
+#include "support/CallerTest.h"
 
 namespace {
 
-template <int levels, typename T>
-constexpr auto PointerTo(T value) {
-    if constexpr (levels == 0) {
-        return value;
-    } else {
-        return PointerTo<levels - 1>(static_cast<T*>(nullptr));
-    }
-}
-
-class ThreadTest : public FactoryTest {
+class ThreadTest : public CallerTest {
 protected:
-    // A thread of the library that runs a std::function.
     std::unique_ptr<IThreadService> Make(std::function<void()> function, const BasicString& name = BasicString::Empty,
                                          unsigned int mask = 0, unsigned int stackSize = 0) {
-        functions.push_back(std::move(function));
-        const auto call = [](void* called) -> void* {
-            (*static_cast<std::function<void()>*>(called))();
-            return nullptr;
-        };
-        return Own(factory->CreateThread(call, &functions.back(), name, 0, mask, stackSize));
+        return Own(factory->CreateThread(&Call, Keep(std::move(function)), name, 0, mask, stackSize));
     }
 
     std::unique_ptr<IThreadService> Start(std::function<void()> function) {
@@ -54,35 +28,14 @@ protected:
     const std::string cancel = "VeException: Cancel: Canceling Thread did not succeed";
     const std::string invalid = ", linux error code: Invalid argument";
     const std::string noProcess = ", linux error code: No such process";
-    SemaphoreService go{0};
-    SemaphoreService done{0};
-    std::list<std::function<void()>> functions;
 };
 
+void CancelSelf() {
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+}
+
 TEST_F(ThreadTest, RunsWithItsSettingsAndWithThoseThatAreChanged) {
-    const unsigned int priority = MayHaveRealTimePriority() ? 1 : 0;
-    std::string settings;
-    const auto look = [&] {
-        settings = OwnSettings();
-        done.Post();
-        go.Wait(0);
-        settings += "; " + OwnSettings();
-    };
-    const auto thread = Make(look, "0123456789abcdefgh", 1);
-    const auto runAndChange = [&](unsigned int newPriority) {
-        thread->StartThread();
-        done.Wait(0);
-        EXPECT_TRUE(thread->Joinable());
-        thread->SetName("the name after, cut");
-        thread->SetPriority(newPriority);
-        go.Post();
-        thread->Join();
-        return settings;
-    };
-    const std::string changed = "the name after,, " + std::string(priority == 1 ? "real-time 1" : "normal 0");
-    EXPECT_EQ(runAndChange(priority), "0123456789abcde, normal 0, 1 from 0; " + changed + ", 1 from 0");
-    EXPECT_EQ(runAndChange(0), changed + ", 1 from 0; the name after,, normal 0, 1 from 0");
-    EXPECT_EQ(thread->GetName(), "the name after,");
     // Without a name of its own it has that of the thread that starts it.
     Start([&] { settings = OwnSettings(); });
     EXPECT_EQ(settings, OwnSettings());
@@ -92,9 +45,8 @@ TEST_F(ThreadTest, RunsWithItsSettingsAndWithThoseThatAreChanged) {
     other->SetThreadFunction([](void*) -> void* { return nullptr; });
     other->StartThread();
     EXPECT_EQ(ThreadServiceBase::GetCurrentThreadId(), static_cast<unsigned int>(pthread_self()));
-    if (priority == 0) {
-        GTEST_SKIP() << needsRealTime;
-    }
+    const auto thread = Make(postAndWait, "0123456789abcdefgh", 1);
+    ExpectToRunWithItsSettings(*thread, &IThreadService::StartThread, &IThreadService::Join);
 }
 
 TEST_F(ThreadTest, IsBoundToTheProcessorsOfTheMask) {
@@ -126,7 +78,6 @@ TEST_F(ThreadTest, FailuresAreReported) {
         {"pthread_attr_setinheritsched", startAThread, start + "set schedinheritance" + invalid},
         {"pthread_attr_setstacksize", startAThread, start + "set stacksize" + invalid},
         {"pthread_attr_setaffinity_np", startAThread, start + "set cpu affinity" + invalid},
-        {"pthread_create", startAThread, start + "create thread" + invalid},
         {"pthread_attr_destroy", [&] { Start([] {}); }, start + "destroy thread attribute" + invalid},
         {"sem_wait", startAThread, "VeException: WaitInfinite: Semaphore could not be waited for: Permission denied"},
         {"sem_wait", startAThread, "done", 0, EINTR},
@@ -162,7 +113,7 @@ TEST_F(ThreadTest, NothingIsAskedOfAThreadThatIsNotThere) {
     for (int i = 0; i < 2; ++i) {
         blocks = LiveAllocations();
         const FailingCall creation("pthread_create");
-        EXPECT_THROW(thread->StartThread(), VeException);
+        EXPECT_TRUE(ComesTo([&] { thread->StartThread(); }, start + "create thread" + invalid));
     }
     EXPECT_EQ(LiveAllocations(), blocks);
     ExpectNothingToJoin(*thread);
@@ -185,26 +136,7 @@ TEST_F(ThreadTest, NothingIsAskedOfAThreadThatIsNotThere) {
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(ThreadTest, KeyOfTheEndIsMadeByTheFirstStartThatCan) {
-    if (IsEmulated()) {
-        GTEST_SKIP() << "needs to execute itself anew, which the emulator does not do for it";
-    }
-    // For this process may have started threads.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto test = [this] {
-        const auto startAThread = [this] { Start([] {})->Join(); };
-        ExpectFailures({{"pthread_key_create", startAThread, start + "create thread" + invalid}});
-        const auto startTwo = [&] { CountCallsOfTwo("pthread_key_create", startAThread); };
-        EXPECT_EQ(CallsOf("pthread_key_delete", startTwo).size(), 1U);
-        _exit(HasFailure() ? 1 : 0);
-    };
-    EXPECT_EXIT(test(), testing::ExitedWithCode(0), "");
-}
-
 TEST_F(ThreadTest, RunsAgainAndSeveralAtATimeAndMayDeleteItsObject) {
-    // Sanitizers start a thread of their own beside the first.
-    std::thread([] {}).join();
-    const std::ptrdiff_t threads = CountThreads();
     const auto detached = CallsOf("pthread_detach", [&] {
         auto thread = Start([&] { go.Wait(0); });
         std::thread joiner = Sleeping([&] { EXPECT_TRUE(ComesTo([&] { thread->Join(); }, join + noProcess)); });
@@ -219,41 +151,26 @@ TEST_F(ThreadTest, RunsAgainAndSeveralAtATimeAndMayDeleteItsObject) {
         for (int i = 0; i < 200; ++i) {
             thread = Make([&] {
                 thread.reset();
-                done.Post();
+                called.Post();
             });
             thread->StartThread();
-            done.Wait(0);
+            called.Wait(0);
         }
-        // A child of the next test's would have what they own, and not them.
-        WaitUntil([&] { return CountThreads() <= threads; });
     });
     // Otherwise their stacks would stay.
     EXPECT_EQ(detached.size(), 1U + 200U);
 }
 
-TEST_F(ThreadTest, StartAndDeletionAreNotCancelledWhileTheyWait) {
-    std::atomic<pid_t> waiting{0};
-    auto thread = Make([&] { WaitUntil([&] { return waiting != 0 && ThreadStat(waiting, 3) == "S"; }); });
-    EXPECT_TRUE(HasNoCancellationPoint([&] {
-        thread->StartThread();
-        waiting = gettid();
-        thread.reset();
-    }));
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // They need more of the stack.
 TEST_F(ThreadTest, StackOf80KibibytesSufficesForAnException) {
-    // Nothing takes the demangler more than a pointer to a pointer; from 200 characters on, a name is left as it is.
-    Make([] { FailUnderALongName<decltype(PointerTo<160>(0))>(); }, "", 0, 81920)->StartThread();
-    Make([] { FailUnderALongName<decltype(PointerTo<500>(0))>(); }, "", 0, 81920)->StartThread();
+    Make([&] { EXPECT_THROW(factory->CreateMessageQueue("/none", true), VeException); }, "", 0, 81920)->StartThread();
 }
 #endif
 
 TEST_F(ThreadTest, IsJoinedOnceAndNotByItself) {
-    const std::string deadlock = ", linux error code: Resource deadlock avoided";
     std::unique_ptr<IThreadService> thread = Make([&] {
         go.Wait(0);
-        EXPECT_TRUE(ComesTo([&] { thread->Join(); }, join + deadlock));
+        EXPECT_TRUE(ComesTo([&] { thread->Join(); }, join + ", linux error code: Resource deadlock avoided"));
     });
     thread->StartThread();
     std::atomic<int> joined{0};
@@ -280,10 +197,11 @@ TEST_F(ThreadTest, SleepGoesOnAfterAnInterruption) {
 }
 
 TEST_F(ThreadTest, IsCancelledWhereItWaitsAndAnywhereIfItAllowsThat) {
-    const auto ending = Start([&] { go.Wait(0); });
-    EXPECT_FALSE(HasNoCancellationPoint([&] { ending->Join(); }));
+    auto thread = Make([&] { go.Wait(0); });
+    EXPECT_TRUE(HasNoCancellationPoint([&] { thread->StartThread(); }));
+    EXPECT_FALSE(HasNoCancellationPoint([&] { thread->Join(); }));
     go.Post();
-    WaitUntil([&] { return !ending->Joinable(); });
+    WaitUntil([&] { return !thread->Joinable(); });
     // Those who join at the same time would wait for ever.
     const Interposition joining("pthread_join", [&](const auto& arguments) {
         pthread_testcancel();
@@ -291,11 +209,17 @@ TEST_F(ThreadTest, IsCancelledWhereItWaitsAndAnywhereIfItAllowsThat) {
     });
     EXPECT_TRUE(HasNoCancellationPoint([&] {
         ThreadServiceBase::SetAsynchronousCancelability(false);
-        ending->Join();
+        thread->Join();
     }));
+    thread->StartThread();
+    const Interposition waiting("pthread_cond_wait", [&](const auto& arguments) {
+        pthread_testcancel();
+        go.Post();
+        return waiting.CallThrough(arguments);
+    });
+    EXPECT_TRUE(HasNoCancellationPoint([&] { thread.reset(); }));
 #ifndef __SANITIZE_THREAD__  // It loses track of a thread that is cancelled in one of these.
     EXPECT_FALSE(HasNoCancellationPoint([] { ThreadServiceBase::Sleep(0); }));
-    const std::ptrdiff_t threads = CountThreads();
     const auto computing = Start([] {
         ThreadServiceBase::SetAsynchronousCancelability(true);
         for (volatile bool forever = true; forever;) {
@@ -309,36 +233,25 @@ TEST_F(ThreadTest, IsCancelledWhereItWaitsAndAnywhereIfItAllowsThat) {
 }
 
 TEST_F(ThreadTest, IsCancelledOnlyInItsFunctionAndIfItsEndIsTold) {
-    std::string reached;
+    bool hasEnded = false;
     const auto run = [&] {
-        reached = "begin";
-        pthread_testcancel();
-        reached = "end";
+        CancelSelf();
+        hasEnded = true;
     };
     {
         const Interposition naming("pthread_setname_np", [](const auto& /*arguments*/) {
-            pthread_cancel(pthread_self());
-            pthread_testcancel();
+            CancelSelf();
             return 0;
         });
         Make(run, "name")->StartThread();
     }
-    EXPECT_EQ(reached, "begin");
+    EXPECT_FALSE(hasEnded);
     const Interposition unset("pthread_setspecific", [](const auto& /*arguments*/) { return ENOMEM; });
-    Start([&] {
-        pthread_cancel(pthread_self());
-        run();
-    });
-    EXPECT_EQ(reached, "end");
+    Start(run);
+    EXPECT_TRUE(hasEnded);
 }
 
 TEST_F(ThreadTest, IsNotCancelledOnceItsFunctionHasReturned) {
-    struct AtEnd {
-        ~AtEnd() {
-            pthread_cancel(pthread_self());
-            pthread_testcancel();
-        }
-    };
     static thread_local bool hasReturned = false;
     const Interposition disabling("pthread_setcancelstate", [&](const auto& arguments) {
         if (hasReturned) {
@@ -346,13 +259,11 @@ TEST_F(ThreadTest, IsNotCancelledOnceItsFunctionHasReturned) {
         }
         return disabling.CallThrough(arguments);
     });
-    const auto thread = Own(factory->CreateThread([](void* /*argument*/) -> void* {
-        thread_local const AtEnd atEnd;
+    Start([] {
+        thread_local const std::shared_ptr<void> atEnd(nullptr, [](void*) { CancelSelf(); });
         ThreadServiceBase::SetAsynchronousCancelability(true);
         hasReturned = true;
-        return nullptr;
-    }));
-    thread->StartThread();
+    });
 }
 
 }  // namespace
