@@ -101,17 +101,6 @@ TEST_F(AdaptersTest, TimeoutsOfLocksNeverEndEarly) {
     ExpectTimeouts<std::shared_lock<SharedLockable>>(shared);
 }
 
-TEST_F(AdaptersTest, WaitsUntilThePredicateIsTrue) {
-    int wakeUps = 0;
-    const Interposition wait("pthread_cond_wait", [&](const Interposition::Arguments& /*arguments*/) {
-        ++wakeUps;
-        return 0;
-    });
-    std::unique_lock lock(lockable);
-    Wait(*condition, lock, [&] { return wakeUps == 2; });
-    EXPECT_EQ(wakeUps, 2);
-}
-
 TEST_F(AdaptersTest, TimeoutsOfWaitsNeverEndEarlyAndAskThePredicateOnceMore) {
     std::unique_lock lock(lockable);
     const nanoseconds timeout(20000001);

@@ -4,17 +4,10 @@ namespace {
 
 class ConditionVariableTest : public FactoryTest {
 protected:
-    ConditionVariableTest() { shared->mutex.Init(false); }
-    ~ConditionVariableTest() override {
-        shared->condition.Destroy();
-        shared->mutex.Destroy();
-    }
+    ConditionVariableTest() { ipcMutex.Init(false); }
 
-    struct Shared {
-        IpcMutexService mutex;
-        IpcCondVarService condition;
-    };
-    const SharedObject<Shared> shared;
+    IpcMutexService ipcMutex;
+    IpcCondVarService ipcCondition;
     const std::unique_ptr<IMutexService> mutex{factory->CreateMutex(false)};
     const std::unique_ptr<ICondVariableService> condition{factory->CreateConditionVariable()};
 };
@@ -24,8 +17,8 @@ TEST_F(ConditionVariableTest, TimedWaitsDoNotEndEarly) {
         [&] { return condition->WaitFor(*mutex, 30); },
         [&] { return condition->WaitUntil(*mutex, steady_clock::now() + milliseconds(30)); },
         [&] {
-            const MutexGuard guard(shared->mutex);
-            return shared->condition.WaitFor(shared->mutex, 30);
+            const MutexGuard guard(ipcMutex);
+            return ipcCondition.WaitFor(ipcMutex, 30);
         },
     };
     const MutexGuard guard(*mutex);
@@ -69,16 +62,15 @@ TEST_F(ConditionVariableTest, FailuresAreReported) {
         {"pthread_cond_init", create, invalid},
         {"pthread_condattr_destroy", create, "VeException: Could not destroy condition variable attribute."},
         {"pthread_cond_wait", [&] { condition->Wait(*mutex); }, invalid},
-        {"pthread_cond_wait", [&] { shared->condition.Wait(shared->mutex); }, invalid},
+        {"pthread_cond_wait", [&] { ipcCondition.Wait(ipcMutex); }, invalid},
         {"pthread_cond_timedwait", [&] { condition->WaitFor(*mutex, 1); }, invalid},
         // The text is that of errno.
-        {"pthread_cond_timedwait", [&] { shared->condition.WaitFor(shared->mutex, 1); },
-         "VeException: Permission denied"},
+        {"pthread_cond_timedwait", [&] { ipcCondition.WaitFor(ipcMutex, 1); }, "VeException: Permission denied"},
         {"pthread_cond_signal", [&] { condition->NotifyOne(); }, invalid},
-        {"pthread_cond_signal", [&] { shared->condition.NotifyOne(); }, invalid},
+        {"pthread_cond_signal", [&] { ipcCondition.NotifyOne(); }, invalid},
         {"pthread_cond_broadcast", [&] { condition->NotifyAll(); }, invalid},
-        {"pthread_cond_broadcast", [&] { shared->condition.NotifyAll(); }, invalid},
-        {"pthread_cond_destroy", [&] { shared->condition.Destroy(); }, invalid},
+        {"pthread_cond_broadcast", [&] { ipcCondition.NotifyAll(); }, invalid},
+        {"pthread_cond_destroy", [&] { ipcCondition.Destroy(); }, invalid},
         {"pthread_cond_destroy", create, "ends the process: " + invalid},
     });
 }

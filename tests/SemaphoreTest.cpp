@@ -23,7 +23,6 @@ TEST_F(SemaphoreTest, NameLivesAsLongAsItsCreatorOrUntilItIsUnlinked) {
     const mode_t mask = umask(0);
     std::optional<SemaphoreService> creator(std::in_place, other, 1);
     umask(mask);
-    EXPECT_EQ(creator->GetName(), other);
     struct stat status {};
     EXPECT_EQ(stat(("/dev/shm/sem." + other.substr(1)).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0666U);
@@ -40,7 +39,6 @@ TEST_F(SemaphoreTest, NameLivesAsLongAsItsCreatorOrUntilItIsUnlinked) {
     creator.emplace(other, 0);
     creator->Unlink();
     EXPECT_EQ(creator->GetName(), "");
-    creator->Unlink();
     const SemaphoreService successor(other, 1);
     creator.reset();
     EXPECT_EQ(SemaphoreService(other).GetValue(), 1);

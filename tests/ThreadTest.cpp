@@ -136,6 +136,22 @@ TEST_F(ThreadTest, NothingIsAskedOfAThreadThatIsNotThere) {
     EXPECT_EQ(calls, 1);
 }
 
+TEST_F(ThreadTest, KeyOfTheEndIsMadeByTheFirstStartThatCan) {
+    if (IsEmulated()) {
+        GTEST_SKIP() << "needs to execute itself anew, which the emulator does not do for it";
+    }
+    // For this process may have started threads.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto test = [this] {
+        const auto startAThread = [this] { Start([] {})->Join(); };
+        ExpectFailures({{"pthread_key_create", startAThread, start + "create thread" + invalid}});
+        const auto startTwo = [&] { CountCallsOfTwo("pthread_key_create", startAThread); };
+        EXPECT_EQ(CallsOf("pthread_key_delete", startTwo).size(), 1U);
+        _exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(test(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(ThreadTest, RunsAgainAndSeveralAtATimeAndMayDeleteItsObject) {
     const auto detached = CallsOf("pthread_detach", [&] {
         auto thread = Start([&] { go.Wait(0); });

@@ -148,6 +148,26 @@ TEST_F(TimerTest, StartThatFailsLateLeavesTheTimerRunning) {
     ExpectStarted(*timer);
 }
 
+// Each fails late, and has to end the thread that another has left.
+TEST_F(TimerTest, StartsAtTheSameTimeLeaveNoTwoThreads) {
+    const Interposition naming("pthread_setname_np", [](const auto& /*arguments*/) { return EINVAL; });
+    std::atomic<int> inside{0};
+    const auto handler = [&] {
+        EXPECT_EQ(++inside, 1);
+        std::this_thread::yield();
+        --inside;
+    };
+    const auto timer = Make(200, handler, "name");
+    const auto startAgainAndAgain = [&] {
+        for (int i = 0; i < 500; ++i) {
+            EXPECT_THROW(timer->Start(), VeException);
+        }
+    };
+    std::thread other(startAgainAndAgain);
+    startAgainAndAgain();
+    other.join();
+}
+
 TEST_F(TimerTest, MayBeDeletedByItsHandler) {
     std::unique_ptr<ITimerService> timer = Make(0, [&] {
         timer.reset();

@@ -4,14 +4,6 @@
 
 #include <set>
 
-std::string Operation::Outcome() const {
-    try {
-        return outcome();
-    } catch (const std::exception&) {
-        return CurrentException();
-    }
-}
-
 namespace {
 
 // Returns the function that the stack trace names first of the library's, if that is not the operation that the message
@@ -39,9 +31,9 @@ std::string Misnamed([[maybe_unused]] const Exception& exception) {
 
 }  // namespace
 
-std::string Operation::CurrentException() {
+std::string Operation::Outcome() const {
     try {
-        throw;
+        return outcome();
     } catch (const Exception& exception) {
         const BasicString type = RuntimeTypeInfo::GetTypeName(typeid(exception));
         return type.substr(type.rfind(':') + 1) + Misnamed(exception) + ": " + exception.GetMessage();

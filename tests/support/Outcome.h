@@ -21,9 +21,6 @@ public:
 
     std::string Outcome() const;
 
-    /// Returns what the exception that is being handled is, and says.
-    static std::string CurrentException();
-
 private:
     template <typename Function>
     static std::string Run(const Function& function) {

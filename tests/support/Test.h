@@ -49,17 +49,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <iostream>
-#include <memory>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 using namespace Kel;
 using namespace Kel::System::Ve;
