@@ -81,7 +81,7 @@ TEST_F(SignalHandlerTest, HandlerReturnsAndKeepsErrno) {
 // Has each crash become an exception that is its signal.
 void InstallThrowHandler() {
     alarm(60);
-    SignalHandlerService::pThrowExceptionCallback = [] { throw SignalHandlerService::exceptionCode; };
+    SignalHandlerService::pThrowExceptionCallback = [] { throw int{SignalHandlerService::exceptionCode}; };
     struct sigaction action {};
     action.sa_flags = SA_SIGINFO;
     action.sa_sigaction = &SignalHandlerService::ThrowHandler;

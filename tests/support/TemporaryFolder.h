@@ -9,7 +9,7 @@
 /// A folder that is removed at the end, with all that is in it.
 class TemporaryFolder {
 public:
-    TemporaryFolder() = default;
+    TemporaryFolder() : path(mkdtemp(std::string("/tmp/kel-test-XXXXXX").data())) {}
     ~TemporaryFolder() { std::filesystem::remove_all(path); }
 
     TemporaryFolder(const TemporaryFolder&) = delete;
@@ -31,5 +31,5 @@ public:
     }
 
 private:
-    const std::string path = mkdtemp(std::string("/tmp/kel-test-XXXXXX").data());
+    const std::string path;
 };
