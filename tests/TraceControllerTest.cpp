@@ -90,7 +90,7 @@ TEST_F(TraceControllerTest, ThreadsUseTheControlLibraryOneByOneAndWithoutSigpipe
             EXPECT_EQ(calls, 1);
         }
         // As when the daemon has closed the connection.
-        raise(SIGPIPE);
+        static_cast<void>(raise(SIGPIPE));
         return -1;
     });
     EXPECT_THROW(controller->ListSessions(), VeException);

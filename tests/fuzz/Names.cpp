@@ -27,7 +27,7 @@ static const Target target("Names", [](std::istream& input) {
     std::string place(other.size() % 128, 'x');
     std::string expected = place;
     if (place.size() > 2) {
-        name = name.c_str();
+        name.resize(std::strlen(name.c_str()));
         name.resize(place.size() - 2);
         expected.replace(1, name.size(), name);
     }
