@@ -12,11 +12,10 @@ packages_to_bench=(libbenchmark-dev python3)
 # What the benchmarks compare with; they run without it, too.
 packages_to_compare=(libboost-all-dev libpoco-dev rt-tests)
 packages_to_fuzz=(clang libclang-rt-dev)
-packages_for_arm=(g++-arm-linux-gnueabihf qemu-user mmdebstrap)
+packages_to_boot=(qemu-system-arm cpio)
 packages_to_package=(dpkg-dev file)
 # Where the packages are tried.
 packages_to_try=(qemu-user-static)
-packages_for_arm_boot=(qemu-system-arm cpio)
 packages_for_docs=(doxygen)
 packages_to_check=(clang clang-format clang-tidy git)
 
@@ -50,6 +49,16 @@ as_root() {
     else
         return 127
     fi
+}
+
+architectures=cmake/toolchains/architectures.txt
+
+# use_architecture NAME: sets the variables below to what is particular to that foreign architecture.
+use_architecture() {
+    architecture=$1
+    read -r _ debian_architecture triplet _ emulator emulated_processor kernel _ < <(grep "^${architecture:--} " "$architectures") ||
+        fail "there is no foreign architecture '$architecture'; those in $architectures are: $(sed -nE 's/^([a-z0-9]+) .*/\1/p' "$architectures" | xargs)."
+    packages_for_architecture=("g++-$triplet" qemu-user mmdebstrap)
 }
 
 # need_packages PACKAGE...: installs what is missing of them.

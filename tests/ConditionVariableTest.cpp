@@ -37,7 +37,7 @@ TEST_F(ConditionVariableTest, RefusesARecursiveMutexAfterUnlockingItOnce) {
     for (const auto& [name, wait] : table) {
         recursive->Lock();
         recursive->Lock();
-        EXPECT_TRUE(ComesTo([&, wait = wait] { wait(*recursive); },
+        EXPECT_TRUE(ComesTo([&, operation = wait] { operation(*recursive); },
                             "VeException: " + name + ": Recursive locks are not supported by condition variables."));
         std::thread([&] { EXPECT_FALSE(recursive->TryLock()); }).join();
         recursive->Unlock();

@@ -54,9 +54,9 @@ TEST_F(FileTest, ModesAndAccesses) {
     for (const auto& [mode, outcomes] : table) {
         for (const int access : {1, 2, 3}) {
             SCOPED_TRACE(std::to_string(mode) + ", " + std::to_string(access));
-            const Operation open([&, mode = static_cast<FileMode>(mode)] {
+            const Operation open([&, fileMode = static_cast<FileMode>(mode)] {
                 const int descriptor = NextDescriptor();
-                const auto file = Make(mode, static_cast<FileAccess>(access));
+                const auto file = Make(fileMode, static_cast<FileAccess>(access));
                 EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
                 Write(*file, "new");
                 EXPECT_EQ(file->Close(), 0);

@@ -44,10 +44,10 @@ TEST_F(KilledPeerTest, WaitForAConditionEndsWithTheMutexHeldAndGood) {
         {[&] { changed->Wait(*mutex); }, [&] { pthread_cancel(waiter.native_handle()); }},
     };
     for (const auto& [wait, end] : table) {
-        waiter = Sleeping([&, wait = wait] {
+        waiter = Sleeping([&, operation = wait] {
             // Would fail to unlock a mutex that it does not hold.
             const MutexGuard guard(*mutex);
-            EXPECT_TRUE(ComesTo(wait, "VeException: Owner died"));
+            EXPECT_TRUE(ComesTo(operation, "VeException: Owner died"));
         });
         KillHolder();
         end();

@@ -70,7 +70,7 @@ TEST_F(MessageQueueTest, OpensAsItIsTold) {
         {OpenMode::Open, Access::ReadOnly, false, O_RDONLY | O_NONBLOCK},
     };
     for (const auto& [mode, access, blocking, flags] : table) {
-        const auto make = [this, mode = mode, access = access, blocking = blocking] { Make(blocking, mode, access); };
+        const auto make = [this, how = mode, what = access, waits = blocking] { Make(waits, how, what); };
         const auto call = CallsOf("mq_open", make).at(0);
         EXPECT_EQ(std::tuple(call[1], call[2]), std::tuple(flags, 0600));
     }

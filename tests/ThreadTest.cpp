@@ -179,7 +179,9 @@ TEST_F(ThreadTest, RunsAgainAndSeveralAtATimeAndMayDeleteItsObject) {
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // They need more of the stack.
 TEST_F(ThreadTest, StackOf80KibibytesSufficesForAnException) {
-    Make([&] { EXPECT_THROW(factory->CreateMessageQueue("/none", true), VeException); }, "", 0, 81920)->StartThread();
+    Make([&] { EXPECT_THROW(factory->CreateMessageQueue("/none", true), VeException); }, "", 0,
+         std::max(81920U, static_cast<std::uint32_t>(PTHREAD_STACK_MIN)))
+        ->StartThread();
 }
 #endif
 
