@@ -1,4 +1,5 @@
 # What `cmake --install` puts where. No installed file depends on the prefix: the tree may be moved.
+
 # A system that holds several architectures keeps their libraries apart. On this machine's own, CMake knows that by itself.
 if(CMAKE_CROSSCOMPILING AND CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE})
@@ -11,12 +12,22 @@ set_target_properties(KelSystemVe PROPERTIES EXPORT_NAME SystemVe)
 install(TARGETS KelSystemVe EXPORT KelSystemVe
     LIBRARY COMPONENT Runtime NAMELINK_COMPONENT Development
     FILE_SET HEADERS COMPONENT Development
+    ${configuredHeaders}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}  # for users whose CMake knows no file sets
 )
 install(EXPORT KelSystemVe NAMESPACE Kel:: FILE KelSystemVeTargets.cmake
     DESTINATION ${packageDir} COMPONENT Development)
 
 file(CONFIGURE OUTPUT KelSystemVeConfig.cmake @ONLY CONTENT [[
+set(KelSystemVe_TIME_BITS @timeBits@)
+get_directory_property(KelSystemVe_definitions COMPILE_DEFINITIONS)
+if(" ${CMAKE_CXX_FLAGS};${KelSystemVe_definitions}" MATCHES "[ ;D]_TIME_BITS=([0-9]+)" AND
+    NOT CMAKE_MATCH_1 EQUAL KelSystemVe_TIME_BITS)
+    set(KelSystemVe_FOUND FALSE)
+    set(KelSystemVe_NOT_FOUND_MESSAGE
+        "libKel.System.Ve is built with a time_t of @timeBits@ bits, this project with _TIME_BITS=${CMAKE_MATCH_1}.")
+    return()
+endif()
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
 include("${CMAKE_CURRENT_LIST_DIR}/KelSystemVeTargets.cmake")
@@ -30,13 +41,7 @@ install(FILES
 file(RELATIVE_PATH prefixFromPkgConfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" prefixFromPkgConfig ${prefixFromPkgConfig})
 get_target_property(options KelSystemVe INTERFACE_COMPILE_OPTIONS)
-get_target_property(definitions KelSystemVe INTERFACE_COMPILE_DEFINITIONS)
-set(pkgConfigFlags -pthread ${options})
-if(definitions)
-    list(TRANSFORM definitions PREPEND -D)
-    list(APPEND pkgConfigFlags ${definitions})
-endif()
-list(JOIN pkgConfigFlags " " pkgConfigFlags)
+list(JOIN options " " pkgConfigFlags)
 # Some distributions give whole paths; such a tree cannot be moved.
 foreach(kind Lib Include)
     string(TOUPPER ${kind} upper)

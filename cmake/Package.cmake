@@ -1,5 +1,12 @@
 # What `cpack` makes: a Debian package for each component, as the presets package and package-arm configure it.
 set(runtimePackage libkel-system-ve${PROJECT_VERSION_MAJOR})
+# As Debian names what has 64-bit time on a 32-bit machine: the library with the other, which has the same files, does not
+# take its place.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND timeBits EQUAL 64)
+    set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONFLICTS ${runtimePackage})
+    set(CPACK_DEBIAN_RUNTIME_PACKAGE_REPLACES ${runtimePackage})
+    string(APPEND runtimePackage t64)
+endif()
 set(sameRuntime "${runtimePackage} (= ${PROJECT_VERSION})")
 
 set(CPACK_GENERATOR DEB)

@@ -225,6 +225,13 @@ TEST_F(SocketTest, OptionsReachTheSystem) {
         EXPECT_EQ((*socket.*get)(value), 0);
         EXPECT_EQ(value, 0);
     }
+    const timeval timeout{1, 500000};
+    timeval found{};
+    unsigned int length = sizeof found;
+    EXPECT_EQ(socket->SetSockOpt(Option::ReceiveTimeout, &timeout, sizeof timeout), 0);
+    EXPECT_EQ(socket->GetSockOpt(Option::ReceiveTimeout, &found, &length), 0);
+    // User-mode emulation does not know the option of 64-bit time.
+    EXPECT_TRUE((found.tv_sec == timeout.tv_sec && found.tv_usec == timeout.tv_usec) || IsEmulated());
 }
 
 TEST_F(SocketTest, BadArgumentsAreRefused) {

@@ -41,7 +41,7 @@ std::uintptr_t Find(const ElfW(Dyn) * dynamic, int tag) {
 // Where files or times have 64 bits, a function may have another name.
 bool IsNameOf(const std::string& symbol, const std::string& function) {
     return symbol == function || symbol == function + "64" || symbol == "__" + function + "64" ||
-           symbol == "__" + function + "_time64";
+           symbol == "__" + function + "_time64" || symbol == "__" + function + "64_time64";
 }
 
 // The places where the library keeps the address of a function that it calls.
