@@ -31,8 +31,9 @@ TEST_F(SharedMemoryTest, IsSeenByOtherProcessesAndOutlivesItsObjects) {
     umask(mask);
     EXPECT_EQ(static_cast<int>(std::filesystem::status(file).permissions()), 0666);
     // Opened anew, by any mode but that of creating: what was inherited would show it, too.
-    EXPECT_TRUE(SucceedsInChild([this] { LastByte(*Make(static_cast<Mode>(7))) = 'x'; }));
+    EXPECT_TRUE(SucceedsInChild([this] { LastByte(*Make(static_cast<Mode>(7), 4999)) = 'x'; }));
     EXPECT_EQ(lastByte, 'x');
+    EXPECT_EQ(std::filesystem::file_size(file), 5000U);
     const auto again = Make(Mode::Create, 6000);
     EXPECT_EQ(std::filesystem::file_size(file), 6000U);
     EXPECT_EQ(lastByte, 0);
