@@ -16,12 +16,10 @@ TEST_F(ConditionVariableTest, TimedWaitsDoNotEndEarly) {
     const std::function<bool()> table[] = {
         [&] { return condition->WaitFor(*mutex, 30); },
         [&] { return condition->WaitUntil(*mutex, steady_clock::now() + milliseconds(30)); },
-        [&] {
-            const MutexGuard guard(ipcMutex);
-            return ipcCondition.WaitFor(ipcMutex, 30);
-        },
+        [&] { return ipcCondition.WaitFor(ipcMutex, 30); },
     };
     const MutexGuard guard(*mutex);
+    const MutexGuard ipcGuard(ipcMutex);
     for (const auto& wait : table) {
         // Nobody notifies, but a wait may end without reason.
         EXPECT_TRUE(Takes(milliseconds(30), [&] { WaitUntil([&] { return !wait(); }); }));
