@@ -15,8 +15,6 @@ protected:
         return Own(factory->CreateSharedMemory(name, size, mode));
     }
 
-    bool NameExists() const { return std::filesystem::exists(file); }
-
     static volatile char& LastByte(ISharedMemoryService& memory) {
         return static_cast<volatile char*>(memory.GetAddress())[4999];
     }
@@ -57,12 +55,12 @@ TEST_F(SharedMemoryTest, ClosingKeepsTheNameAndUnlinkingTheDescriptor) {
     const auto closed = Make(Mode::Create);
     EXPECT_TRUE(HasNoCancellationPoint([&] { EXPECT_EQ(CountCallsOfTwo("close", [&] { closed->Close(); }), 1); }));
     closed->Unlink();
-    EXPECT_TRUE(NameExists());
+    EXPECT_TRUE(std::filesystem::exists(file));
 
     const int descriptor = NextDescriptor();
     const auto unlinked = Make(Mode::Open);
     EXPECT_EQ(CountCallsOfTwo("shm_unlink", [&] { unlinked->Unlink(); }), 1);
-    EXPECT_FALSE(NameExists());
+    EXPECT_FALSE(std::filesystem::exists(file));
     unlinked->Close();
     EXPECT_EQ(close(descriptor), 0);
 }
