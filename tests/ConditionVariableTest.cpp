@@ -16,10 +16,12 @@ TEST_F(ConditionVariableTest, TimedWaitsDoNotEndEarly) {
     const std::function<bool()> table[] = {
         [&] { return condition->WaitFor(*mutex, 30); },
         [&] { return condition->WaitUntil(*mutex, steady_clock::now() + milliseconds(30)); },
-        [&] { return ipcCondition.WaitFor(ipcMutex, 30); },
+        [&] {
+            const MutexGuard guard(ipcMutex);
+            return ipcCondition.WaitFor(ipcMutex, 30);
+        },
     };
     const MutexGuard guard(*mutex);
-    const MutexGuard ipcGuard(ipcMutex);
     for (const auto& wait : table) {
         // Nobody notifies, but a wait may end without reason.
         EXPECT_TRUE(Takes(milliseconds(30), [&] { WaitUntil([&] { return !wait(); }); }));
@@ -35,7 +37,7 @@ TEST_F(ConditionVariableTest, RefusesARecursiveMutexAfterUnlockingItOnce) {
     for (const auto& [name, wait] : table) {
         recursive->Lock();
         recursive->Lock();
-        EXPECT_TRUE(ComesTo([&, wait = wait] { wait(*recursive); },
+        EXPECT_TRUE(ComesTo([&, operation = wait] { operation(*recursive); },
                             "VeException: " + name + ": Recursive locks are not supported by condition variables."));
         std::thread([&] { EXPECT_FALSE(recursive->TryLock()); }).join();
         recursive->Unlock();
