@@ -36,6 +36,7 @@ void CancelSelf() {
 }
 
 TEST_F(ThreadTest, RunsWithItsSettingsAndWithThoseThatAreChanged) {
+    EXPECT_EXIT(Start([] { throw VeException("leaves"); }), testing::KilledBySignal(SIGABRT), "leaves");
     // Without a name of its own it has that of the thread that starts it.
     Start([&] { settings = OwnSettings(); });
     EXPECT_EQ(settings, OwnSettings());
@@ -46,7 +47,6 @@ TEST_F(ThreadTest, RunsWithItsSettingsAndWithThoseThatAreChanged) {
     other->SetThreadFunction([](void* none) -> void* { return none == nullptr ? none : throw VeException("given"); });
     other->StartThread();
     EXPECT_EQ(ThreadServiceBase::GetCurrentThreadId(), static_cast<unsigned int>(pthread_self()));
-    EXPECT_EXIT(Start([] { throw VeException("leaves"); }), testing::KilledBySignal(SIGABRT), "leaves");
     const auto thread = Make(postAndWait, "0123456789abcdefgh", 1);
     ExpectToRunWithItsSettings(*thread, &IThreadService::StartThread, &IThreadService::Join);
 }
