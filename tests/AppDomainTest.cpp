@@ -25,6 +25,8 @@ TEST(ServiceTypeTest, NumbersHaveNamesOrArePrintedThemselves) {
         EXPECT_EQ(stream.rdstate(), hasName ? std::ios_base::goodbit : std::ios_base::failbit) << text;
         EXPECT_EQ(stream.str(), text);
         ServiceType parsed{-1};
+        // Not by the beginning of a name.
+        EXPECT_FALSE(static_cast<bool>(std::istringstream(text.substr(0, text.size() - 1)) >> parsed)) << text;
         EXPECT_EQ(static_cast<bool>(std::istringstream(" " + text + " Mutex") >> parsed), hasName) << text;
         EXPECT_EQ(static_cast<int>(parsed), hasName ? value : -1);
     }

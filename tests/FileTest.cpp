@@ -59,8 +59,8 @@ TEST_F(FileTest, ModesAndAccesses) {
                 const auto file = Make(fileMode, static_cast<FileAccess>(access));
                 EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
                 Write(*file, "new");
-                EXPECT_EQ(file->Close(), 0);
-                return Content();
+                file->Seek(0, SeekOrigin::Begin);
+                return Read(*file);
             });
             FileServiceBase::Delete(path);
             EXPECT_TRUE(ComesTo(open, outcomes[access == 1 ? 0 : 2]));
@@ -77,8 +77,8 @@ TEST_F(FileTest, ReadsWritesAndSeeks) {
     EXPECT_EQ(Write(*file, "0123456789"), 10U);
     // It flushes, as closing does.
     EXPECT_TRUE(HasNoCancellationPoint([&] { EXPECT_EQ(file->Seek(2, SeekOrigin::Begin), 2); }));
-    EXPECT_EQ(Read(*file), "23456789");
-    EXPECT_EQ(file->Seek(2, SeekOrigin::Current), 12);
+    EXPECT_EQ(file->Seek(1, SeekOrigin::Current), 3);
+    EXPECT_EQ(Read(*file), "3456789");
     EXPECT_EQ(file->Seek(1, static_cast<SeekOrigin>(0)), 11);
     EXPECT_TRUE(
         ComesTo([&] { file->Seek(0x80000000, SeekOrigin::Begin); }, "VeException: Seek: Offset out of range. Seek"));
@@ -140,6 +140,9 @@ TEST_F(FileTest, OpeningAgainClosesWhatWasOpenAndSynchronisesWhatWasWritten) {
     FileService file(path, FileMode::Open, FileAccess::Read, true);
     file.Open(path, FileMode::Open, FileAccess::Write);
     Write(file, "new");
+    // The access holds also when the rest is refused.
+    EXPECT_THROW(file.Open(path, FileMode::Create, FileAccess::Read), VeException);
+    EXPECT_EQ(file.Flush(), EOF);
     // No mode, nothing done.
     file.Open(path, static_cast<FileMode>(0), FileAccess::Write);
     EXPECT_EQ(file.Tell(), 3);
@@ -161,6 +164,7 @@ TEST_F(FileTest, PathsAreLookedForDeletedAndSynchronised) {
     EXPECT_FALSE(FileServiceBase::Delete(path));
     const auto sync = [this] { EXPECT_EQ(FileServiceBase::Sync(folder / ""), 0); };
     EXPECT_NE(CallsOf("open", sync)[0][1] & O_CLOEXEC, 0);
+    EXPECT_EQ(CallsOf("close", sync).size(), 1U);
     std::filesystem::create_directory(folder / "folder");
     EXPECT_TRUE(FileServiceBase::Delete(folder / "folder"));
     std::filesystem::create_symlink("nowhere", std::string(path));

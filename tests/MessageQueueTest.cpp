@@ -48,6 +48,7 @@ TEST_F(MessageQueueTest, MessagesComeByPriority) {
     // An empty message is as none.
     queue->Send("", 0, 7, 0);
     EXPECT_EQ(Receive(*queue), "none");
+    EXPECT_EQ(CountCallsOfTwo("mq_close", [&] { queue->Unlink(); }), 1);
 }
 
 TEST_F(MessageQueueTest, TimeoutIsNoMessageToTheReceiverAndAFailureToTheSender) {
@@ -70,7 +71,9 @@ TEST_F(MessageQueueTest, OpensAsItIsTold) {
         {OpenMode::Open, Access::ReadOnly, false, O_RDONLY | O_NONBLOCK},
     };
     for (const auto& [mode, access, blocking, flags] : table) {
-        const auto make = [this, how = mode, what = access, waits = blocking] { Make(waits, how, what); };
+        const auto make = [this, how = mode, what = access, waits = blocking] {
+            Own(factory->CreateMessageQueue(name, how, what, waits));
+        };
         const auto call = CallsOf("mq_open", make).at(0);
         EXPECT_EQ(std::tuple(call[1], call[2]), std::tuple(flags, 0600));
     }

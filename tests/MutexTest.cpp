@@ -56,11 +56,6 @@ TEST_F(MutexTest, FailuresAreReported) {
     held->Lock();
     IpcMutexService ipcMutex;
     const auto deleteLocked = [&] { Own(create())->Lock(); };
-    const auto lockTwice = [&] {
-        const auto locked = Own(create());
-        locked->Lock();
-        locked->TimedLock(1);
-    };
     const std::string invalid = ": Invalid argument";
     const std::string init = "VeException: Init: ";
     const std::string trylock = "VeException: TryLock: Mutex could not be trylocked: ";
@@ -79,8 +74,6 @@ TEST_F(MutexTest, FailuresAreReported) {
         {"pthread_mutex_trylock", [&] { mutex->TryLock(); }, trylock + "Permission denied"},
         {"pthread_mutex_trylock", [&] { mutex->TimedLock(1); }, timedLock + "Permission denied"},
         {"pthread_mutex_timedlock", [&] { held->TimedLock(1); }, timedLock + "Permission denied"},
-        // Whose holder has died is unlocked: or else its end would end the process.
-        {"pthread_mutex_timedlock", lockTwice, timedLock + "Owner died", 0, EOWNERDEAD},
         {"clock_gettime", [&] { held->TimedLock(1); }, "VeException: Could not compute timeout."},
         {"pthread_mutexattr_gettype", [&] { mutex->IsRecursive(); },
          "VeException: IsRecursive: Could not query mutex type" + invalid},

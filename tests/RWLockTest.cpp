@@ -2,12 +2,10 @@
 
 namespace {
 
-class RWLockTest : public FactoryTest {
-protected:
-    RWLockService lock;
-};
+using RWLockTest = FactoryTest;
 
 TEST_F(RWLockTest, FailuresAreReported) {
+    RWLockService lock;
     lock.AcquireWriteLock();
     RWLockService ended;
     const std::string invalid = " Error Invalid argument (22).";

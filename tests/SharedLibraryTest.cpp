@@ -50,7 +50,7 @@ TEST_F(SharedLibraryTest, IsLockedInMemoryWhileAnyoneHasItLoaded) {
     library->Unload();
     BasicString path = plugin;
     std::replace(path.begin(), path.end(), '/', '\\');
-    library->Load(path);
+    EXPECT_TRUE(HasNoCancellationPoint([&] { library->Load(path); }));
     void* const function = library->GetFunctionAddress("PluginAnswer");
     EXPECT_EQ(reinterpret_cast<int (*)()>(function)(), 42);
     EXPECT_EQ(library->GetFunctionAddress("NoSuchFunction"), nullptr);
@@ -58,7 +58,7 @@ TEST_F(SharedLibraryTest, IsLockedInMemoryWhileAnyoneHasItLoaded) {
     EXPECT_TRUE(SucceedsInChild([] { EXPECT_NE(dlsym(RTLD_DEFAULT, "PluginAnswer"), nullptr); }));
     Make()->Load(plugin);
     EXPECT_EQ(locked, SegmentsAround(function));
-    library->Unload();
+    EXPECT_TRUE(HasNoCancellationPoint([&] { library->Unload(); }));
     EXPECT_EQ(library->GetFunctionAddress("main"), nullptr);
     EXPECT_EQ(dlopen(plugin.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
     EXPECT_TRUE(locked.empty());
@@ -90,6 +90,10 @@ TEST_F(SharedLibraryTest, FailuresAreReported) {
                                   "No such file or directory'"));
     // All of its symbols are looked for at once.
     EXPECT_THROW(library->Load(PluginPath("broken-plugin")), VeException);
+    // The first allocation is for the path, the second for what is locked.
+    const FailingAllocation second(1);
+    EXPECT_THROW(library->Load(plugin), std::bad_alloc);
+    EXPECT_EQ(dlopen(plugin.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
     library->Load(plugin);
     void* const handle = dlopen(plugin.c_str(), RTLD_NOW);
     dlclose(handle);

@@ -15,8 +15,6 @@ protected:
         return Own(factory->CreateSharedMemory(name, size, mode));
     }
 
-    bool NameExists() const { return std::filesystem::exists(file); }
-
     static volatile char& LastByte(ISharedMemoryService& memory) {
         return static_cast<volatile char*>(memory.GetAddress())[4999];
     }
@@ -31,8 +29,9 @@ TEST_F(SharedMemoryTest, IsSeenByOtherProcessesAndOutlivesItsObjects) {
     umask(mask);
     EXPECT_EQ(static_cast<int>(std::filesystem::status(file).permissions()), 0666);
     // Opened anew, by any mode but that of creating: what was inherited would show it, too.
-    EXPECT_TRUE(SucceedsInChild([this] { LastByte(*Make(static_cast<Mode>(7))) = 'x'; }));
+    EXPECT_TRUE(SucceedsInChild([this] { LastByte(*Make(static_cast<Mode>(7), 4999)) = 'x'; }));
     EXPECT_EQ(lastByte, 'x');
+    EXPECT_EQ(std::filesystem::file_size(file), 5000U);
     const auto again = Make(Mode::Create, 6000);
     EXPECT_EQ(std::filesystem::file_size(file), 6000U);
     EXPECT_EQ(lastByte, 0);
@@ -56,12 +55,12 @@ TEST_F(SharedMemoryTest, ClosingKeepsTheNameAndUnlinkingTheDescriptor) {
     const auto closed = Make(Mode::Create);
     EXPECT_TRUE(HasNoCancellationPoint([&] { EXPECT_EQ(CountCallsOfTwo("close", [&] { closed->Close(); }), 1); }));
     closed->Unlink();
-    EXPECT_TRUE(NameExists());
+    EXPECT_TRUE(std::filesystem::exists(file));
 
     const int descriptor = NextDescriptor();
     const auto unlinked = Make(Mode::Open);
     EXPECT_EQ(CountCallsOfTwo("shm_unlink", [&] { unlinked->Unlink(); }), 1);
-    EXPECT_FALSE(NameExists());
+    EXPECT_FALSE(std::filesystem::exists(file));
     unlinked->Close();
     EXPECT_EQ(close(descriptor), 0);
 }

@@ -146,7 +146,7 @@ TEST_F(SocketTest, PollJudgesWhatTheSystemReports) {
                 EXPECT_EQ(Poll(*socket, PollMode::Readable), isShutdown ? afterShutdown : result) << event;
             }
         }
-        socket->Shutdown();
+        EXPECT_EQ(CallsOf("shutdown", [&] { socket->Shutdown(); })[0][1], SHUT_RDWR);
     }
 }
 
@@ -155,7 +155,7 @@ TEST_F(SocketTest, PollAndSelectWaitForWhatTheModeSays) {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     const auto client = Adopt(ends[0]);
     const auto server = Adopt(ends[1]);
-    char byte = 0;
+    char bytes[9];
     Error error = Error::Unclassified;
     timeval limit{};
     const Interposition call("select", [&](const auto& arguments) {
@@ -173,7 +173,7 @@ TEST_F(SocketTest, PollAndSelectWaitForWhatTheModeSays) {
         EXPECT_EQ(Poll(*client, pollMode), ready);
         EXPECT_EQ(Select(*client, selectMode, 1030000), ready);
         EXPECT_EQ(std::tuple(limit.tv_sec, limit.tv_usec), std::tuple(1, 30000));
-        EXPECT_EQ(client->Recv(&byte, 1, error), 1);
+        EXPECT_EQ(client->Recv(bytes, sizeof bytes, error), 1);
     }
     EXPECT_TRUE(Takes(milliseconds(30), [&] { EXPECT_EQ(Poll(*client, PollMode::Readable, 30), timedOut); }));
     // No other mode waits for the socket.
@@ -217,10 +217,13 @@ TEST_F(SocketTest, OptionsReachTheSystem) {
         {&Socket::SetOptionKeepAliveProbeCount, &Socket::GetOptionKeepAliveProbeCount, Option::TcpKeepAliveCount}};
     for (const auto& [set, get, option] : keepAlive) {
         int value = 0;
-        unsigned int length = sizeof value;
+        int place[2];
+        unsigned int length = sizeof place;
         EXPECT_EQ((*socket.*set)(7), 0);
-        EXPECT_EQ(socket->GetSockOpt(option, &value, &length), 0);
-        EXPECT_EQ(value, 7);
+        EXPECT_EQ(socket->GetSockOpt(option, place, &length), 0);
+        EXPECT_EQ(place[0], 7);
+        // How long the value is, is not told.
+        EXPECT_EQ(length, sizeof place);
         // Whatever it is, a getter tells the result of the query.
         EXPECT_EQ((*socket.*get)(value), 0);
         EXPECT_EQ(value, 0);

@@ -15,14 +15,12 @@ TEST(TimeoutConversionTest, AddsMillisecondsToTheClockAskedFor) {
         *Interposition::Pointer<timespec>(arguments[1]) = {arguments[0] == CLOCK_REALTIME ? realtime : 7, 500000000};
         return 0;
     });
-    EXPECT_EQ(Convert(0, CLOCK_REALTIME), "done, 5 s 500000000");
     EXPECT_EQ(Convert(500, CLOCK_MONOTONIC), "done, 8 s 0");
     EXPECT_EQ(Convert(999, CLOCK_REALTIME), "done, 6 s 499000000");
     realtime = 2147483640;
     EXPECT_EQ(Convert(4294967295UL, CLOCK_REALTIME),
               sizeof(time_t) == 4 ? "done, 2147483647 s 795000000" : "done, 2151778607 s 795000000");
     EXPECT_EQ(Convert(1, -1), "VeException: Unknown clock requested., 0 s 0");
-    EXPECT_EQ(Convert(1, 2), "VeException: Unknown clock requested., 0 s 0");
     const FailingCall reading("clock_gettime");
     EXPECT_EQ(Convert(1, 1), "VeException: Could not compute timeout., 0 s 0");
 }

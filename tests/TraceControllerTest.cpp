@@ -95,6 +95,10 @@ TEST_F(TraceControllerTest, ThreadsUseTheControlLibraryOneByOneAndWithoutSigpipe
     });
     EXPECT_THROW(controller->ListSessions(), VeException);
     other.join();
+    // It is blocked no longer than that.
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGPIPE), 0);
 }
 
 TEST_F(TraceControllerTest, ControlsTheSessionsOfARealDaemon) {

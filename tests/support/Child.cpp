@@ -10,7 +10,6 @@
 #include <exception>
 #include <iostream>
 #include <system_error>
-#include <utility>
 
 // The thread sanitizer would end a child that starts threads when a detached thread of an earlier test has not quite
 // ended, and does not take the crash handler's report for the last thing that a process does.
@@ -57,12 +56,6 @@ Child::Child(const std::function<int()>& function) : processId(fork()) {
     }
 }
 
-Child::~Child() {
-    if (processId > 0) {
-        Kill();
-    }
-}
-
 int Child::Kill() {
     kill(processId, SIGKILL);
     return Wait();
@@ -70,7 +63,7 @@ int Child::Kill() {
 
 int Child::Wait() {
     int status = 0;
-    waitpid(std::exchange(processId, -1), &status, 0);
+    waitpid(processId, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

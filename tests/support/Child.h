@@ -17,12 +17,6 @@ class Child {
 public:
     explicit Child(const std::function<int()>& function);
 
-    /// Ends the child if it still runs.
-    ~Child();
-
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
     /// Ends the child by SIGKILL, unless it has ended; the same as waiting for it otherwise.
     int Kill();
 
@@ -30,7 +24,7 @@ public:
     int Wait();
 
 private:
-    pid_t processId;
+    const pid_t processId;
 };
 
 /// Runs `test` in a child, which succeeds when it comes to its end and no assertion has failed.

@@ -23,7 +23,6 @@
 #include <Kel/System/Ve/Internal/Linux/FileService.h>
 #include <Kel/System/Ve/Internal/Linux/IpcCondVarService.h>
 #include <Kel/System/Ve/Internal/Linux/IpcMutexService.h>
-#include <Kel/System/Ve/Internal/Linux/LinuxServiceFactory.h>
 #include <Kel/System/Ve/Internal/Linux/MessageQueueService.h>
 #include <Kel/System/Ve/Internal/Linux/MutexService.h>
 #include <Kel/System/Ve/Internal/Linux/NetworkInterfaceInfo.h>
