@@ -1,7 +1,8 @@
 # What `cmake --install` puts where. No installed file depends on the prefix: the tree may be moved.
 
 # A system that holds several architectures keeps their libraries apart. On this machine's own, CMake knows that by itself.
-if(CMAKE_CROSSCOMPILING AND CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+if(CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE AND CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND
+    NOT DEFINED CMAKE_INSTALL_LIBDIR)
     set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE})
 endif()
 include(GNUInstallDirs)

@@ -1,4 +1,4 @@
-# What `cpack` makes: a Debian package for each component, as the presets package and package-arm configure it.
+# What `cpack` makes: a Debian package for each component, as the presets package, package-arm and package-arm64 configure it.
 set(runtimePackage libkel-system-ve${PROJECT_VERSION_MAJOR})
 # As Debian names what has 64-bit time on a 32-bit machine: the library with the other, which has the same files, does not
 # take its place.

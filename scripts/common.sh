@@ -5,9 +5,8 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
 packages_to_build=(g++ cmake ninja-build pkg-config libboost-filesystem-dev libfmt-dev liblttng-ctl-dev libgtest-dev)
-# Programs that the sockets and the trace controller are tested against, what reads the output of the tools, and a second
-# compiler for the headers.
-packages_to_test=(socat lttng-tools python3 clang)
+# Programs that the sockets and the trace controller are tested against, and what reads the output of the tools.
+packages_to_test=(socat lttng-tools python3)
 packages_to_bench=(libbenchmark-dev python3)
 # What the benchmarks compare with; they run without it, too.
 packages_to_compare=(libboost-all-dev libpoco-dev rt-tests)

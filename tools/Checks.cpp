@@ -170,7 +170,7 @@ std::vector<Row> CheckMachine(ServiceFactory& factory) {
         {"latency device", CheckLatencyTarget(), "TimerService::SetLatencyTarget",
          "/etc/udev/rules.d/99-realtime.rules: KERNEL==\"cpu_dma_latency\", GROUP=\"realtime\", MODE=\"0660\""},
         {"preemption", CheckPreemption(), "every deadline, while another program is in a system call",
-         "apt-get install linux-image-rt-amd64 (ARM: linux-image-rt-armmp); otherwise the kernel's command line: "
+         "apt-get install linux-image-rt-amd64 (ARM: -rt-armmp or -rt-arm64); otherwise the kernel's command line: "
          "preempt=full"},
         {"real-time throttling", CheckThrottling(factory, processors.usable.empty() ? 0 : processors.usable.back()),
          "a real-time thread that does not wait: it is stopped",

@@ -1,8 +1,8 @@
 #pragma once
 
 // On a 32-bit platform `time_t` has 32 or 64 bits. Times are handed over in memory of the caller's, which has to be as
-// large as the library takes it to be: what is compiled with the other width is refused, here where the library is
-// installed, and otherwise when it is linked or loaded.
+// large as the library takes it to be: what is compiled with the other width is refused: here where the
+// width is known, which is all but a compiler that is given the sources' folder alone, and then by linker and loader.
 #if __SIZEOF_POINTER__ == 4
 
 #if __has_include(<Kel/Core/TimeWidthOfLibrary.h>)

@@ -32,3 +32,7 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
 # GLib's own allocator forgets, in a forked child, that the thread which held its lock is not there: a child of a program
 # with several threads waited for it for ever, inside the emulator. The C library's allocator takes care of that.
 set(CMAKE_CROSSCOMPILING_EMULATOR env G_SLICE=always-malloc qemu-${emulator} -L "${CMAKE_SYSROOT}")
+
+foreach(name row options emulator variable)
+    unset(${name})  # The program's own are not touched.
+endforeach()

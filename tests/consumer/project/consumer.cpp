@@ -22,7 +22,8 @@ using Kel::System::Ve::Internal::Linux::SignalHandlerService;
 
 Kel::BasicString trace;
 
-// The compiler sees that nothing is thrown in here. Unless it is told otherwise, it leaves an ARM unwinder no way out.
+// The compiler sees that nothing is thrown in here. Unless it is told otherwise, it leaves the unwinder of 32-bit ARM
+// no way out.
 [[gnu::noinline]] void CallWithoutThrowing(void (*volatile callback)() noexcept) {
     callback();
     callback = nullptr;
